@@ -1,0 +1,584 @@
+/*
+ * libQuorvel_AVFormat: container-level media operations on top of FFmpeg,
+ * without re-encoding anything.
+ *
+ * Four families of operations, each driven through a task handle:
+ *  - Conversion      (AVFormat_Convert_*): remux one input into another container,
+ *                     optionally cut to a start and an end time.
+ *  - Demultiplexing  (AVFormat_UNPack_*):  split an input into one container per
+ *                     stream, or pull its packets and codec parameters one by one.
+ *  - Multiplexing    (AVFormat_Packet_*):  build one container from the streams of
+ *                     several inputs, or from packets that the caller writes.
+ *  - Concatenation   (AVFormat_Link_*):    join several files end to end.
+ *
+ * Life cycle, the same in every family:
+ *  1. *_Init() allocates a task and returns its handle (NULL on failure).
+ *  2. *_Output() / *_Input() attach the destination and the sources, in the order
+ *     that the family requires (see each family's section).
+ *  3. *_Start() writes the container header and starts one worker thread.
+ *  4. *_Suspend(), *_GetStatus() (and Seek where the family has it) act on the
+ *     running task. GetStatus() reports false once the worker has finished.
+ *  5. *_Stop() is the only way to end a task: it stops the worker, writes the
+ *     trailer, releases every object of the task and frees the handle, which is
+ *     dangling afterwards. Stop never fails and accepts NULL.
+ *
+ * Errors: every entry point except AVFormat_GetLastError() clears
+ * AVForamt_IsErrorOccur on entry. A failing call sets it, stores one of the
+ * ERROR_AVFORMAT_* codes in AVForamt_dwErrorCode and returns false (NULL for
+ * *_Init). A successful call leaves the previous code in place. The error state
+ * is process-wide and not per thread: read it right after the failing call.
+ *
+ * Threads: any number of tasks of any family may exist and run at once. The
+ * progress callback and the caller's read and write functions run on whichever
+ * thread drives FFmpeg at that moment: the worker while a task runs, the
+ * caller's thread during set-up, Start and Stop.
+ *
+ * Valid C (C99 and later) and C++.
+ */
+#ifndef QUORVEL_AVFORMAT_H
+#define QUORVEL_AVFORMAT_H
+
+#include <stdbool.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#if defined(_WIN32)
+#define QUORVEL_AVFORMAT_API __declspec(dllimport)
+#elif defined(__GNUC__)
+#define QUORVEL_AVFORMAT_API __attribute__((visibility("default")))
+#else
+#define QUORVEL_AVFORMAT_API
+#endif
+
+#ifdef __cplusplus
+#define QUORVEL_AVFORMAT_STATIC_ASSERT(cond, msg) static_assert(cond, msg)
+#elif defined(__STDC_VERSION__) && __STDC_VERSION__ >= 201112L
+#define QUORVEL_AVFORMAT_STATIC_ASSERT(cond, msg) _Static_assert(cond, msg)
+#else
+#define QUORVEL_AVFORMAT_STATIC_ASSERT_JOIN2(a, b) a##b
+#define QUORVEL_AVFORMAT_STATIC_ASSERT_JOIN(a, b) QUORVEL_AVFORMAT_STATIC_ASSERT_JOIN2(a, b)
+#define QUORVEL_AVFORMAT_STATIC_ASSERT(cond, msg) \
+  typedef char QUORVEL_AVFORMAT_STATIC_ASSERT_JOIN(quorvel_avformat_assert_, __LINE__)[(cond) ? 1 : -1]
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ------------------------------------------------------------------------ */
+/* Callback types                                                            */
+/* ------------------------------------------------------------------------ */
+
+/**
+ * Progress callback, given to every *_Init() with a caller context pointer.
+ * Called on the worker thread once per packet, and must return before the
+ * worker goes on.
+ *
+ * @param reserved   always NULL
+ * @param type       conversion: the input stream's media type (AVMEDIA_TYPE_*);
+ *                   demultiplexing: the output's input stream index;
+ *                   multiplexing: media type of the input's mapped stream;
+ *                   concatenation: the input stream's media type
+ * @param number     conversion: task-wide packet number from 0;
+ *                   demultiplexing, multiplexing: the output's (input's) packet
+ *                   number from 0; concatenation: packets of that media type
+ *                   over all inputs, from 1
+ * @param seconds    the packet's time in seconds (see each family)
+ * @param context    the caller context given to *_Init()
+ *
+ * Only the conversion family accepts a NULL callback (no calls are made then);
+ * every other family that is started must be given one.
+ */
+typedef void (*AVFORMAT_PROGRESS_CALLBACK)(void* reserved, int type, long long number, double seconds,
+                                           void* context);
+
+/**
+ * Caller read or write function of the caller I/O bridge. The library reads an
+ * input from, or writes an output to, such a function instead of a file.
+ *
+ * @param context  the opaque pointer given beside the function
+ * @param buffer   read: where to put at most @p size bytes; write: the bytes to consume
+ * @param size     number of bytes
+ * @return read: the number of bytes delivered, AVERROR_EOF at the end of the
+ *         input, another negative AVERROR code on failure; write: the number of
+ *         bytes consumed or a negative AVERROR code. This is FFmpeg's contract
+ *         for the read_packet and write_packet functions of an AVIOContext.
+ *
+ * A bridged input or output is not seekable. Each bridge owns a 10 MiB buffer
+ * for the life of its task. Output containers that must seek back (MP4 without
+ * fragmentation, for instance) fail to write their header or trailer through a
+ * bridge; choose a streamable format (mpegts, matroska, flv, ...).
+ */
+typedef int (*AVFORMAT_IO_FUNCTION)(void* context, unsigned char* buffer, int size);
+
+/** FFmpeg's AVERROR_EOF, for read functions written without FFmpeg's headers. */
+#define AVFORMAT_IO_EOF (-541478725)
+
+/* ------------------------------------------------------------------------ */
+/* Shared records. Fields, order and natural alignment are part of the       */
+/* interface; callers may declare them themselves.                           */
+/* ------------------------------------------------------------------------ */
+
+/** A time base: one tick lasts num/den seconds. Same layout as FFmpeg's AVRational. */
+typedef struct AVCODEC_TIMEBASE {
+  int32_t num;
+  int32_t den;
+} AVCODEC_TIMEBASE;
+
+/**
+ * The timing of one packet, in ticks of the AVCODEC_TIMEBASE that travels
+ * beside it. An unknown time is AV_NOPTS_VALUE (INT64_MIN), carried unchanged.
+ * Whether a packet is a key frame does not cross the interface.
+ */
+typedef struct AVCODEC_PACKETINFO {
+  int64_t pts;      /**< presentation time stamp */
+  int64_t dts;      /**< decoding time stamp */
+  int64_t duration; /**< duration of the packet */
+} AVCODEC_PACKETINFO;
+
+/**
+ * One output of a demultiplexing task: a container holding the packets of one
+ * input stream. AVFormat_UNPack_Output() copies the whole record; what
+ * pWriteContext points to must stay valid until the task is stopped.
+ */
+typedef struct AVCODEC_FORMATINFO {
+  /** Without pWriteFunc: the output file's path, whose name decides the container.
+   *  With pWriteFunc: the container format's short name ("matroska", "mpegts", ...). */
+  char szName[264];
+  /** Greater than 0.0: packets earlier than this many seconds are not written. */
+  double dlStartTime;
+  /** Greater than 0.0: the task stops at the packet whose time equals this exactly. */
+  double dlEndTime;
+  /** Index of the input stream whose packets this output receives. */
+  int32_t nStreamIndex;
+  /** Never read; set to zero. */
+  int32_t nReserved;
+  /** Caller write function, or NULL to write the file named in szName. */
+  AVFORMAT_IO_FUNCTION pWriteFunc;
+  /** Handed back as the first argument of pWriteFunc. */
+  void* pWriteContext;
+} AVCODEC_FORMATINFO;
+
+QUORVEL_AVFORMAT_STATIC_ASSERT(sizeof(AVCODEC_TIMEBASE) == 8, "AVCODEC_TIMEBASE is 8 bytes");
+QUORVEL_AVFORMAT_STATIC_ASSERT(offsetof(AVCODEC_TIMEBASE, den) == 4, "AVCODEC_TIMEBASE.den at 4");
+QUORVEL_AVFORMAT_STATIC_ASSERT(sizeof(AVCODEC_PACKETINFO) == 24, "AVCODEC_PACKETINFO is 24 bytes");
+QUORVEL_AVFORMAT_STATIC_ASSERT(offsetof(AVCODEC_PACKETINFO, dts) == 8, "AVCODEC_PACKETINFO.dts at 8");
+QUORVEL_AVFORMAT_STATIC_ASSERT(offsetof(AVCODEC_PACKETINFO, duration) == 16,
+                               "AVCODEC_PACKETINFO.duration at 16");
+QUORVEL_AVFORMAT_STATIC_ASSERT(sizeof(AVCODEC_FORMATINFO) == 304, "AVCODEC_FORMATINFO is 304 bytes");
+QUORVEL_AVFORMAT_STATIC_ASSERT(offsetof(AVCODEC_FORMATINFO, dlStartTime) == 264,
+                               "AVCODEC_FORMATINFO.dlStartTime at 264");
+QUORVEL_AVFORMAT_STATIC_ASSERT(offsetof(AVCODEC_FORMATINFO, dlEndTime) == 272,
+                               "AVCODEC_FORMATINFO.dlEndTime at 272");
+QUORVEL_AVFORMAT_STATIC_ASSERT(offsetof(AVCODEC_FORMATINFO, nStreamIndex) == 280,
+                               "AVCODEC_FORMATINFO.nStreamIndex at 280");
+QUORVEL_AVFORMAT_STATIC_ASSERT(offsetof(AVCODEC_FORMATINFO, pWriteFunc) == 288,
+                               "AVCODEC_FORMATINFO.pWriteFunc at 288");
+QUORVEL_AVFORMAT_STATIC_ASSERT(offsetof(AVCODEC_FORMATINFO, pWriteContext) == 296,
+                               "AVCODEC_FORMATINFO.pWriteContext at 296");
+
+/* ------------------------------------------------------------------------ */
+/* Error state                                                               */
+/* ------------------------------------------------------------------------ */
+
+/** True when the most recent entry-point call failed. The spelling is part of the ABI. */
+extern QUORVEL_AVFORMAT_API bool AVForamt_IsErrorOccur;
+/** Code of the most recent failure; successful calls do not reset it. */
+extern QUORVEL_AVFORMAT_API uint64_t AVForamt_dwErrorCode;
+
+/** Conversion: task, I/O buffer, format context or stream map not allocated. */
+#define ERROR_AVFORMAT_CONVERT_MALLOC 0x80D0002
+/** Conversion: null task handle, or a call out of order. */
+#define ERROR_AVFORMAT_CONVERT_PARAMETER 0x80D0010
+/** Conversion: the input could not be opened, or the output file not opened for writing. */
+#define ERROR_AVFORMAT_CONVERT_OPEN 0x80D0011
+/** Conversion: the input's streams could not be analysed. */
+#define ERROR_AVFORMAT_CONVERT_STREAMINFO 0x80D0012
+/** Conversion: no output container for that name (unknown format or file extension). */
+#define ERROR_AVFORMAT_CONVERT_OUTPUTFORMAT 0x80D0021
+/** Conversion: an output stream could not be created. */
+#define ERROR_AVFORMAT_CONVERT_NEWSTREAM 0x80D0032
+/** Conversion: codec parameters could not be copied into an output stream. */
+#define ERROR_AVFORMAT_CONVERT_CODECPAR 0x80D0033
+/** Conversion: the output container refused its header (streams it can't hold, no streams, ...). */
+#define ERROR_AVFORMAT_CONVERT_WRITEHEADER 0x80D0034
+/** Conversion: the worker thread could not be started. */
+#define ERROR_AVFORMAT_CONVERT_THREAD 0x80D0035
+/** Conversion: GetStatus was given no place for the status. */
+#define ERROR_AVFORMAT_CONVERT_STATUS 0x80D0040
+/** Conversion: the input could not seek there. */
+#define ERROR_AVFORMAT_CONVERT_SEEK 0x80D0061
+
+/** Multiplexing and demultiplexing: an allocation failed. */
+#define ERROR_AVFORMAT_PACKET_MALLOC 0x80D1001
+/** Multiplexing and demultiplexing (and concatenation's GetStatus, Suspend): null task
+ *  handle, a required pointer is null, an index out of range, or a call out of order. */
+#define ERROR_AVFORMAT_PACKET_PARAMETER 0x80D1002
+/** Demultiplexing Read: no further packet (end of input or read error). */
+#define ERROR_AVFORMAT_PACKET_READ 0x80D1003
+/** An input could not be opened, or an output file not opened for writing. */
+#define ERROR_AVFORMAT_PACKET_OPEN 0x80D1004
+/** No output container for that name (unknown format or file extension). */
+#define ERROR_AVFORMAT_PACKET_OUTPUTFORMAT 0x80D1005
+/** Codec parameters could not be copied into a new output stream. */
+#define ERROR_AVFORMAT_PACKET_CODECPAR 0x80D1006
+/** The output container refused its header. */
+#define ERROR_AVFORMAT_PACKET_WRITEHEADER 0x80D1007
+/** The worker could not be started, or the call is refused because the worker runs. */
+#define ERROR_AVFORMAT_PACKET_THREAD 0x80D1008
+/** GetStatus was given no place for the status. */
+#define ERROR_AVFORMAT_PACKET_STATUS 0x80D1009
+/** Demultiplexing Seek failed; GetAVCodec: null handle, no input, or no such stream. */
+#define ERROR_AVFORMAT_PACKET_SEEK 0x80D1010
+/** Multiplexing StreamWrite: the muxer refused the packet. */
+#define ERROR_AVFORMAT_PACKET_WRITEFRAME 0x80D1011
+
+/** Concatenation: task or input list not allocated. */
+#define ERROR_AVFORMAT_LINK_MALLOC 0x80D2002
+/** Concatenation: null task handle, null file name, or a call out of order. */
+#define ERROR_AVFORMAT_LINK_PARAMETER 0x80D2003
+/** Concatenation: an input could not be opened, or the output file not opened for writing. */
+#define ERROR_AVFORMAT_LINK_OPEN 0x80D2004
+/** Concatenation: an input's streams could not be analysed. */
+#define ERROR_AVFORMAT_LINK_STREAMINFO 0x80D2005
+/** Concatenation: no output container for that file name. */
+#define ERROR_AVFORMAT_LINK_OUTPUTFORMAT 0x80D2006
+/** Concatenation: codec parameters could not be copied into an output stream. */
+#define ERROR_AVFORMAT_LINK_CODECPAR 0x80D2007
+/** Concatenation: the output container refused its header. */
+#define ERROR_AVFORMAT_LINK_WRITEHEADER 0x80D2008
+/** Concatenation: the worker thread could not be started. */
+#define ERROR_AVFORMAT_LINK_THREAD 0x80D2009
+
+/**
+ * Returns AVForamt_dwErrorCode (0 before any failure).
+ * @param error_number if not NULL, receives the calling thread's errno first
+ * Neither reads nor changes AVForamt_IsErrorOccur.
+ */
+QUORVEL_AVFORMAT_API uint64_t AVFormat_GetLastError(int* error_number);
+
+/* ------------------------------------------------------------------------ */
+/* Conversion: Init, Output, Input, Start; Suspend, GetStatus, Seek; Stop.   */
+/* ------------------------------------------------------------------------ */
+
+/**
+ * Creates a conversion task.
+ * @param progress  may be NULL (no progress calls). Called once per packet of a
+ *                  kept stream (video, audio, subtitle), also for packets that
+ *                  the start time keeps out; type is the stream's media type,
+ *                  number counts those packets task-wide from 0, seconds is the
+ *                  packet's presentation time on the output stream's time base.
+ * @return the task handle, or NULL with ERROR_AVFORMAT_CONVERT_MALLOC.
+ */
+QUORVEL_AVFORMAT_API void* AVFormat_Convert_Init(AVFORMAT_PROGRESS_CALLBACK progress, void* context);
+
+/**
+ * Creates the output. Call once, before AVFormat_Convert_Input().
+ * @param url    without @p write: the output file name or URL, whose name decides
+ *               the container. With @p write: the short name of the container
+ *               format ("mpegts", "matroska", "flv", ...), not a location.
+ * @param start  seconds: packets whose output time is earlier are read and
+ *               reported but not written; 0 or less keeps everything.
+ * @param end    seconds: the task ends after the packet whose output time equals
+ *               this value exactly (an exact comparison: a value that no packet
+ *               hits runs to the end of the input); 0 or less runs to the end.
+ *               Times are those of the input's own timeline, not shifted to 0.
+ * @param write  caller write function (caller I/O bridge), or NULL
+ * @param opaque handed back to @p write
+ * Stores start and end only on success.
+ * Errors: ERROR_AVFORMAT_CONVERT_PARAMETER (null task),
+ *         ERROR_AVFORMAT_CONVERT_OUTPUTFORMAT (unknown format or extension),
+ *         ERROR_AVFORMAT_CONVERT_OPEN (the file can't be opened for writing),
+ *         ERROR_AVFORMAT_CONVERT_MALLOC.
+ */
+QUORVEL_AVFORMAT_API bool AVFormat_Convert_Output(void* task, const char* url, double start, double end,
+                                                  AVFORMAT_IO_FUNCTION write, void* opaque);
+
+/**
+ * Opens and probes the input and creates one output stream for each of its
+ * video, audio and subtitle streams; other streams (data, attachments) are
+ * dropped. Call after AVFormat_Convert_Output().
+ * Packets are routed to the output stream whose index equals their input
+ * stream's index: when a dropped stream precedes a kept one, the kept stream's
+ * packets have no output stream of that index and are dropped too.
+ * @param url    file name or URL, or NULL with @p read
+ * @param read   caller read function (caller I/O bridge), or NULL. When both are
+ *               given, @p url is opened first (a failure ends the call), then the
+ *               input is read through @p read.
+ * Errors: ERROR_AVFORMAT_CONVERT_PARAMETER (null task, no output yet, neither
+ *         url nor read), ERROR_AVFORMAT_CONVERT_OPEN, ERROR_AVFORMAT_CONVERT_STREAMINFO,
+ *         ERROR_AVFORMAT_CONVERT_NEWSTREAM, ERROR_AVFORMAT_CONVERT_CODECPAR,
+ *         ERROR_AVFORMAT_CONVERT_MALLOC.
+ */
+QUORVEL_AVFORMAT_API bool AVFormat_Convert_Input(void* task, const char* url, AVFORMAT_IO_FUNCTION read,
+                                                 void* opaque);
+
+/**
+ * Writes the output header and starts the worker. Call once.
+ * Packets without a presentation time get times counted from the task-wide
+ * packet number and the stream's frame rate.
+ * Errors: ERROR_AVFORMAT_CONVERT_PARAMETER (null task, not set up, already
+ *         started), ERROR_AVFORMAT_CONVERT_WRITEHEADER, ERROR_AVFORMAT_CONVERT_THREAD.
+ */
+QUORVEL_AVFORMAT_API bool AVFormat_Convert_Start(void* task);
+
+/** Pauses (true) or resumes (false) the worker. Error: ERROR_AVFORMAT_CONVERT_PARAMETER. */
+QUORVEL_AVFORMAT_API bool AVFormat_Convert_Suspend(void* task, bool pause);
+
+/**
+ * Stores in @p running whether the worker still runs: false before Start and
+ * once the input has ended or the end time was met.
+ * Errors: ERROR_AVFORMAT_CONVERT_PARAMETER, ERROR_AVFORMAT_CONVERT_STATUS (null @p running).
+ */
+QUORVEL_AVFORMAT_API bool AVFormat_Convert_GetStatus(void* task, bool* running);
+
+/**
+ * Ends the task: stops and joins the worker, closes the input, writes the
+ * trailer (on an output whose header was written), releases everything and
+ * frees the task. Always returns true; NULL is accepted.
+ */
+QUORVEL_AVFORMAT_API bool AVFormat_Convert_Stop(void* task);
+
+/**
+ * Moves the input's read position to @p seconds (whole seconds on the input's
+ * own timeline), landing on any frame, key frame or not.
+ * Errors: ERROR_AVFORMAT_CONVERT_PARAMETER (null task, no input),
+ *         ERROR_AVFORMAT_CONVERT_SEEK.
+ */
+QUORVEL_AVFORMAT_API bool AVFormat_Convert_Seek(void* task, long long seconds);
+
+/* ------------------------------------------------------------------------ */
+/* Demultiplexing: Init, Input, Output (optional); Start, or Read and        */
+/* GetAVCodec without Start; Suspend, GetStatus, Seek; Stop.                 */
+/* ------------------------------------------------------------------------ */
+
+/**
+ * Creates a demultiplexing task. A task that is started must have a callback:
+ * it is called once per packet that an output claims, with the output's input
+ * stream index, the output's packet number from 0 and the packet's time.
+ * @return the task handle, or NULL with ERROR_AVFORMAT_PACKET_MALLOC.
+ */
+QUORVEL_AVFORMAT_API void* AVFormat_UNPack_Init(AVFORMAT_PROGRESS_CALLBACK progress, void* context);
+
+/**
+ * Opens and probes the input.
+ * @param url   file name or URL; ignored when @p read is given
+ * @param read  caller read function (caller I/O bridge), or NULL
+ * Errors: ERROR_AVFORMAT_PACKET_PARAMETER (null task, nothing to open, or the
+ *         input's streams could not be analysed), ERROR_AVFORMAT_PACKET_OPEN,
+ *         ERROR_AVFORMAT_PACKET_MALLOC.
+ */
+QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Input(void* task, const char* url, AVFORMAT_IO_FUNCTION read,
+                                                void* opaque);
+
+/**
+ * Creates one output per record and writes its header at once.
+ * @param infos  points to the caller's variable that holds the address of an
+ *               array of @p count record pointers. The records are copied.
+ * The i-th output takes the codec parameters of input stream i and receives
+ * the packets of input stream infos[i]->nStreamIndex: name stream i in record i.
+ * An nStreamIndex that names no input stream gives an output with no packets.
+ * Errors: ERROR_AVFORMAT_PACKET_PARAMETER (null task, no input, null infos,
+ *         count above the input's number of streams),
+ *         ERROR_AVFORMAT_PACKET_OUTPUTFORMAT, ERROR_AVFORMAT_PACKET_OPEN,
+ *         ERROR_AVFORMAT_PACKET_MALLOC, ERROR_AVFORMAT_PACKET_CODECPAR,
+ *         ERROR_AVFORMAT_PACKET_WRITEHEADER. The first failure ends the call;
+ *         outputs made before it stay in the task.
+ */
+QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Output(void* task, AVCODEC_FORMATINFO*** infos, int count);
+
+/**
+ * Starts the worker, which writes each packet into the first output that
+ * claims its stream, unchanged, and ends at the end of the input or when a
+ * packet's time equals an output's end time exactly (for every output).
+ * Errors: ERROR_AVFORMAT_PACKET_PARAMETER (null task, no input, already
+ *         started), ERROR_AVFORMAT_PACKET_THREAD.
+ */
+QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Start(void* task);
+
+/**
+ * Pulls the next packet of any stream, without a worker.
+ * @param stream_index receives the packet's stream index (required)
+ * @param data         receives the packet's bytes (required): it must hold the
+ *                     largest packet that the input can yield
+ * @param size         receives the packet's size (required)
+ * @param info         if not NULL, receives pts, dts and duration, unscaled
+ * @param time_base    if not NULL, receives the time base those are counted in
+ * Errors: ERROR_AVFORMAT_PACKET_PARAMETER, ERROR_AVFORMAT_PACKET_THREAD (the
+ *         worker runs), ERROR_AVFORMAT_PACKET_READ (end of input or read error).
+ */
+QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Read(void* task, int* stream_index, unsigned char* data, int* size,
+                                               AVCODEC_PACKETINFO* info, AVCODEC_TIMEBASE* time_base);
+
+/** Stores whether the worker still runs. Errors: ERROR_AVFORMAT_PACKET_PARAMETER, ERROR_AVFORMAT_PACKET_STATUS. */
+QUORVEL_AVFORMAT_API bool AVFormat_UNPack_GetStatus(void* task, bool* running);
+
+/** Pauses (true) or resumes (false) the worker. Error: ERROR_AVFORMAT_PACKET_PARAMETER. */
+QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Suspend(void* task, bool pause);
+
+/**
+ * Moves the input's read position back to the key frame at or before
+ * @p timestamp, counted in the time base of stream @p stream_index (-1:
+ * microseconds). Errors: ERROR_AVFORMAT_PACKET_PARAMETER (null task, no input),
+ * ERROR_AVFORMAT_PACKET_SEEK (no such stream, or the input could not seek).
+ */
+QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Seek(void* task, int stream_index, unsigned long long timestamp);
+
+/**
+ * Ends the task: stops and joins the worker, closes the input, writes each
+ * output's trailer, releases everything and frees the task. Always true.
+ */
+QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Stop(void* task);
+
+/**
+ * Hands out a copy of an input stream's codec parameters and its time base.
+ * @param codec_parameters if not NULL, receives a malloc()ed copy of the
+ *        stream's AVCodecParameters (sizeof as in the FFmpeg headers the library
+ *        was built against). Release it with free(), never with
+ *        avcodec_parameters_free(): its pointers (extradata, side data) still
+ *        point into the task's input and stay valid until AVFormat_UNPack_Stop().
+ *        A framerate with numerator 0 is replaced by the stream's r_frame_rate.
+ * @param time_base        if not NULL, receives the stream's time base
+ * Errors: ERROR_AVFORMAT_PACKET_SEEK (null task, no input, no such stream),
+ *         ERROR_AVFORMAT_PACKET_MALLOC (the copy's pointer then holds NULL).
+ */
+QUORVEL_AVFORMAT_API bool AVFormat_UNPack_GetAVCodec(void* task, int stream_index, void** codec_parameters,
+                                                     AVCODEC_TIMEBASE* time_base);
+
+/* ------------------------------------------------------------------------ */
+/* Multiplexing: Init, Output, then Input and/or StreamCreate calls; Start   */
+/* (input files) or StreamWrite (caller packets); Suspend, GetStatus; Stop.  */
+/* ------------------------------------------------------------------------ */
+
+/**
+ * Creates a multiplexing task. A task that is started must have a callback:
+ * it is called once per packet read, with the media type of the input's mapped
+ * stream, the input's packet number from 0 and the packet's output time.
+ * @return the task handle, or NULL with ERROR_AVFORMAT_PACKET_MALLOC.
+ */
+QUORVEL_AVFORMAT_API void* AVFormat_Packet_Init(AVFORMAT_PROGRESS_CALLBACK progress, void* context);
+
+/**
+ * Creates the output. Call once, before any Input or StreamCreate.
+ * @param name  without @p write: the output file name; with @p write: the
+ *              container format's short name
+ * @param start, end  as for AVFormat_Convert_Output()
+ * Errors: ERROR_AVFORMAT_PACKET_PARAMETER, ERROR_AVFORMAT_PACKET_OUTPUTFORMAT,
+ *         ERROR_AVFORMAT_PACKET_OPEN, ERROR_AVFORMAT_PACKET_MALLOC.
+ */
+QUORVEL_AVFORMAT_API bool AVFormat_Packet_Output(void* task, const char* name, double start, double end,
+                                                 AVFORMAT_IO_FUNCTION write, void* opaque);
+
+/**
+ * Adds an input file and one output stream per video and audio stream of it
+ * (still pictures such as cover art are skipped). The worker carries the
+ * packets of every stream of the input into the output stream of its last
+ * mapped stream: give it files with one stream each.
+ * @param url, read  as for AVFormat_Convert_Input()
+ * Errors: ERROR_AVFORMAT_PACKET_PARAMETER (null task, no output, nothing to
+ *         open, or the streams could not be analysed), ERROR_AVFORMAT_PACKET_OPEN,
+ *         ERROR_AVFORMAT_PACKET_MALLOC, ERROR_AVFORMAT_PACKET_CODECPAR.
+ */
+QUORVEL_AVFORMAT_API bool AVFormat_Packet_Input(void* task, const char* url, AVFORMAT_IO_FUNCTION read,
+                                                void* opaque);
+
+/**
+ * Writes the header and starts the worker, which takes one packet from each
+ * input in turn and ends when the first input runs out.
+ * Errors: ERROR_AVFORMAT_PACKET_PARAMETER, ERROR_AVFORMAT_PACKET_WRITEHEADER,
+ *         ERROR_AVFORMAT_PACKET_THREAD.
+ */
+QUORVEL_AVFORMAT_API bool AVFormat_Packet_Start(void* task);
+
+/** Stores whether the worker still runs. Errors: ERROR_AVFORMAT_PACKET_PARAMETER, ERROR_AVFORMAT_PACKET_STATUS. */
+QUORVEL_AVFORMAT_API bool AVFormat_Packet_GetStatus(void* task, bool* running);
+
+/** Pauses (true) or resumes (false) the worker. Error: ERROR_AVFORMAT_PACKET_PARAMETER. */
+QUORVEL_AVFORMAT_API bool AVFormat_Packet_Suspend(void* task, bool pause);
+
+/** Ends the task: joins the worker, writes the trailer, releases everything. Always true. */
+QUORVEL_AVFORMAT_API bool AVFormat_Packet_Stop(void* task);
+
+/**
+ * Adds an output stream made from @p codec_parameters (a const AVCodecParameters*,
+ * for example from AVFormat_UNPack_GetAVCodec(); it is deep-copied). The stream's
+ * index is its place in creation order among all of the task's output streams.
+ * The last video stream created is the task's video stream (see StreamWrite).
+ * Errors: ERROR_AVFORMAT_PACKET_PARAMETER, ERROR_AVFORMAT_PACKET_THREAD (the
+ *         worker runs), ERROR_AVFORMAT_PACKET_CODECPAR.
+ */
+QUORVEL_AVFORMAT_API bool AVFormat_Packet_StreamCreate(void* task, void* codec_parameters);
+
+/**
+ * Writes one packet into output stream @p stream_index; the first call writes
+ * the header. Do not call Start on a task fed this way.
+ * @param data, size  one encoded packet; copied before the call returns
+ * @param time_base   required: the time base of @p info's values. For the
+ *                    task's video stream its den is taken as the frame rate:
+ *                    the packet lasts 1/den seconds, whatever info->duration says.
+ * @param info        may be NULL: the packet then has no time stamps
+ * Errors: ERROR_AVFORMAT_PACKET_PARAMETER (null task or time base, no such
+ *         stream), ERROR_AVFORMAT_PACKET_WRITEHEADER (first call only),
+ *         ERROR_AVFORMAT_PACKET_WRITEFRAME (the muxer refused the packet, or the
+ *         header could not be written).
+ */
+QUORVEL_AVFORMAT_API bool AVFormat_Packet_StreamWrite(void* task, int stream_index, const unsigned char* data,
+                                                      int size, AVCODEC_TIMEBASE* time_base,
+                                                      AVCODEC_PACKETINFO* info);
+
+/* ------------------------------------------------------------------------ */
+/* Concatenation: Init, Output, one Input per file in order; Start;          */
+/* Suspend, GetStatus; Stop.                                                 */
+/* ------------------------------------------------------------------------ */
+
+/**
+ * Creates a concatenation task. A task that is started must have a callback:
+ * it is called once per routed packet, with the stream's media type, the
+ * running number of packets of that type over all inputs (from 1) and the
+ * packet's position on the output timeline.
+ * @return the task handle, or NULL with ERROR_AVFORMAT_LINK_MALLOC.
+ */
+QUORVEL_AVFORMAT_API void* AVFormat_Link_Init(AVFORMAT_PROGRESS_CALLBACK progress, void* context);
+
+/**
+ * Creates the output file, whose name decides the container.
+ * Errors: ERROR_AVFORMAT_LINK_PARAMETER, ERROR_AVFORMAT_LINK_OUTPUTFORMAT, ERROR_AVFORMAT_LINK_OPEN.
+ */
+QUORVEL_AVFORMAT_API bool AVFormat_Link_Output(void* task, const char* file);
+
+/**
+ * Appends an input file. The output's video and audio streams are described
+ * from the first input that has each. Inputs must share codecs and time bases.
+ * @param start, end  the cut; when both are above 0, a packet is written only
+ *                    while its output position is at most @p start and at most @p end
+ * @param video, audio  the input's stream to copy for each kind; -1 copies none
+ * Errors: ERROR_AVFORMAT_LINK_PARAMETER (null task or file name, no output),
+ *         ERROR_AVFORMAT_LINK_OPEN, ERROR_AVFORMAT_LINK_STREAMINFO, ERROR_AVFORMAT_LINK_CODECPAR.
+ */
+QUORVEL_AVFORMAT_API bool AVFormat_Link_Input(void* task, const char* file, double start, double end, int video,
+                                              int audio);
+
+/**
+ * Writes the header and starts the worker.
+ * Errors: ERROR_AVFORMAT_LINK_PARAMETER, ERROR_AVFORMAT_LINK_WRITEHEADER, ERROR_AVFORMAT_LINK_THREAD.
+ */
+QUORVEL_AVFORMAT_API bool AVFormat_Link_Start(void* task);
+
+/** Stores whether the worker still runs. Errors: ERROR_AVFORMAT_PACKET_PARAMETER, ERROR_AVFORMAT_PACKET_STATUS. */
+QUORVEL_AVFORMAT_API bool AVFormat_Link_GetStatus(void* task, bool* running);
+
+/** Pauses (true) or resumes (false) the worker. Error: ERROR_AVFORMAT_PACKET_PARAMETER. */
+QUORVEL_AVFORMAT_API bool AVFormat_Link_Suspend(void* task, bool pause);
+
+/**
+ * Ends the task: joins the worker, writes the trailer, releases everything.
+ * Always true. A paused task must be resumed first: Stop waits until another
+ * thread calls AVFormat_Link_Suspend(task, false).
+ */
+QUORVEL_AVFORMAT_API bool AVFormat_Link_Stop(void* task);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* QUORVEL_AVFORMAT_H */

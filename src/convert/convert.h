@@ -1,0 +1,40 @@
+// Conversion: one input remuxed into one output container on a worker thread.
+//
+// Deliberate behaviours, kept as callers rely on them:
+//  - packets are routed to the output stream whose index equals their input
+//    stream's index; output streams are numbered densely, so when a dropped
+//    (data, attachment) stream precedes a kept one, the kept stream's packets
+//    find no output stream of that index and are dropped too;
+//  - packets before the start time are read, counted and reported to the
+//    progress callback, but not written; their times are not shifted;
+//  - the end time ends the task only on a packet whose time equals it exactly;
+//  - packets without a presentation time get times made from the task-wide
+//    packet counter (all kept streams together), not a per-stream frame number.
+#pragma once
+
+#include <shared_mutex>
+#include <unordered_map>
+
+#include "Quorvel_AVFormat.h"
+
+struct AVPACKET_FILE_CONVERT;
+
+class QUORVEL_AVFORMAT_API CAVFormat_Convert {
+ public:
+  void* AVFormat_Convert_Init(AVFORMAT_PROGRESS_CALLBACK fpProgress, void* lpCallbackContext);
+  bool AVFormat_Convert_Output(void* lpTask, const char* szUrl, double dlStartTime, double dlEndTime,
+                               AVFORMAT_IO_FUNCTION fpWrite, void* lpWriteContext);
+  bool AVFormat_Convert_Input(void* lpTask, const char* szUrl, AVFORMAT_IO_FUNCTION fpRead, void* lpReadContext);
+  bool AVFormat_Convert_Start(void* lpTask);
+  bool AVFormat_Convert_Suspend(void* lpTask, bool bPause);
+  bool AVFormat_Convert_GetStatus(void* lpTask, bool* pbRunning);
+  bool AVFormat_Convert_Stop(void* lpTask) noexcept;
+  bool AVFormat_Convert_Seek(void* lpTask, long long llSeconds);
+
+  static int AVFormat_Convert_Thread(void* lpTask);
+
+ private:
+  // Not used by any operation: every task keeps all of its state in its own record.
+  std::unordered_map<void*, AVPACKET_FILE_CONVERT*> m_TaskMap;
+  std::shared_mutex m_TaskLock;
+};

@@ -1,0 +1,39 @@
+// The record behind a conversion task handle.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "Quorvel_AVFormat.h"
+#include "frame/io.h"
+
+struct AVPACKET_FILE_CONVERT {
+  std::thread pThread;
+  void* lpReserved = nullptr;  // first argument of every progress call; never set
+  double dlStartTime = 0.0;    // seconds; 0 or less: from the beginning
+  double dlEndTime = 0.0;      // seconds; 0 or less: to the end
+  int nPacketCount = 0;        // packets of kept streams handled by the worker
+  unsigned nStreamCount = 0;   // the input's number of streams
+  std::unique_ptr<int[]> pnStreamMap;  // per input stream: its own index if kept, -1 if dropped
+  std::atomic<bool> bRunning{false};
+  std::atomic<bool> bPause{false};
+  quorvel::BridgeBuffer pInputBuffer;
+  quorvel::BridgeBuffer pOutputBuffer;
+  quorvel::BridgeIO pInputIO;
+  quorvel::BridgeIO pOutputIO;
+  quorvel::InputContext pInputContext;
+  quorvel::OutputContext pOutputContext;
+  void* lpCallbackContext = nullptr;
+  AVFORMAT_PROGRESS_CALLBACK fpProgress = nullptr;
+
+  // Set by Stop while a worker runs: aborts FFmpeg I/O that blocks (a network read).
+  std::atomic<bool> bAbort{false};
+  bool bOutputReady = false;    // Output succeeded
+  bool bInputReady = false;     // Input succeeded
+  bool bStarted = false;        // Start has been called with success
+  bool bHeaderWritten = false;  // the trailer may only follow a written header
+  // Seek runs on the caller's thread against the input the worker reads.
+  std::mutex mtxInput;
+};

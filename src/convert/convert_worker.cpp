@@ -1,0 +1,140 @@
+// Conversion worker and control: Start, the worker's loop, Suspend,
+// GetStatus, Seek and Stop.
+#include <thread>
+
+#include "convert/convert.h"
+#include "convert/convert_task.h"
+#include "frame/error.h"
+#include "frame/worker.h"
+
+using quorvel::Fail;
+
+bool CAVFormat_Convert::AVFormat_Convert_Start(void* lpTask) {
+  quorvel::ClearError();
+  auto* task = static_cast<AVPACKET_FILE_CONVERT*>(lpTask);
+  // Started once, and only with both an output and an input.
+  if (task == nullptr || task->bStarted || !task->bOutputReady || !task->bInputReady)
+    return Fail(ERROR_AVFORMAT_CONVERT_PARAMETER);
+
+  if (avformat_write_header(task->pOutputContext.get(), nullptr) < 0)
+    return Fail(ERROR_AVFORMAT_CONVERT_WRITEHEADER);
+  task->bHeaderWritten = true;
+  task->bStarted = true;
+
+  task->bRunning = true;
+  if (!quorvel::StartWorker(task->pThread, AVFormat_Convert_Thread, task))
+    return Fail(ERROR_AVFORMAT_CONVERT_THREAD);
+  return true;
+}
+
+int CAVFormat_Convert::AVFormat_Convert_Thread(void* lpTask) {
+  auto* task = static_cast<AVPACKET_FILE_CONVERT*>(lpTask);
+  AVFormatContext* input = task->pInputContext.get();
+  AVFormatContext* output = task->pOutputContext.get();
+  quorvel::Packet owned = quorvel::MakePacket();
+  AVPacket* packet = owned.get();
+
+  while (packet != nullptr && task->bRunning) {
+    if (task->bPause) {
+      std::this_thread::sleep_for(quorvel::kPausePoll);
+      continue;
+    }
+    int read;
+    {
+      std::lock_guard<std::mutex> lock(task->mtxInput);
+      read = av_read_frame(input, packet);
+    }
+    if (read < 0) break;  // end of input or read error
+
+    // Dropped streams, and kept streams that have no output stream of their own index.
+    const int index = packet->stream_index;
+    if (index < 0 || index >= static_cast<int>(task->nStreamCount) || task->pnStreamMap[index] < 0 ||
+        index >= static_cast<int>(output->nb_streams)) {
+      av_packet_unref(packet);
+      continue;
+    }
+    const AVStream* in = input->streams[index];
+    const AVStream* out = output->streams[index];
+
+    if (packet->pts == AV_NOPTS_VALUE) quorvel::SynthesizeTimestamps(packet, in, task->nPacketCount);
+    packet->pts = av_rescale_q_rnd(packet->pts, in->time_base, out->time_base,
+                                   static_cast<AVRounding>(AV_ROUND_NEAR_INF | AV_ROUND_PASS_MINMAX));
+    packet->dts = av_rescale_q_rnd(packet->dts, in->time_base, out->time_base,
+                                   static_cast<AVRounding>(AV_ROUND_NEAR_INF | AV_ROUND_PASS_MINMAX));
+    packet->duration = av_rescale_q(packet->duration, in->time_base, out->time_base);
+    packet->time_base = out->time_base;
+    packet->pos = -1;
+
+    const double seconds = static_cast<double>(packet->pts) * av_q2d(out->time_base);
+    if (task->fpProgress != nullptr)
+      task->fpProgress(task->lpReserved, in->codecpar->codec_type, task->nPacketCount, seconds,
+                       task->lpCallbackContext);
+
+    // A refused packet is dropped and the run goes on.
+    if (task->dlStartTime <= 0.0 || seconds >= task->dlStartTime) av_interleaved_write_frame(output, packet);
+    ++task->nPacketCount;
+    av_packet_unref(packet);
+
+    // Exact equality on purpose: an end time that no packet hits runs to the end.
+    if (task->dlEndTime > 0.0 && seconds == task->dlEndTime) break;
+  }
+  task->bRunning = false;
+  return 0;
+}
+
+bool CAVFormat_Convert::AVFormat_Convert_Suspend(void* lpTask, bool bPause) {
+  quorvel::ClearError();
+  auto* task = static_cast<AVPACKET_FILE_CONVERT*>(lpTask);
+  if (task == nullptr) return Fail(ERROR_AVFORMAT_CONVERT_PARAMETER);
+  task->bPause = bPause;
+  return true;
+}
+
+bool CAVFormat_Convert::AVFormat_Convert_GetStatus(void* lpTask, bool* pbRunning) {
+  quorvel::ClearError();
+  auto* task = static_cast<AVPACKET_FILE_CONVERT*>(lpTask);
+  if (task == nullptr) return Fail(ERROR_AVFORMAT_CONVERT_PARAMETER);
+  if (pbRunning == nullptr) return Fail(ERROR_AVFORMAT_CONVERT_STATUS);
+  *pbRunning = task->bRunning;
+  return true;
+}
+
+bool CAVFormat_Convert::AVFormat_Convert_Seek(void* lpTask, long long llSeconds) {
+  quorvel::ClearError();
+  auto* task = static_cast<AVPACKET_FILE_CONVERT*>(lpTask);
+  if (task == nullptr || !task->pInputContext) return Fail(ERROR_AVFORMAT_CONVERT_PARAMETER);
+  // Whole seconds on the input's own timeline, in AV_TIME_BASE units; any frame may be the landing point.
+  std::lock_guard<std::mutex> lock(task->mtxInput);
+  if (av_seek_frame(task->pInputContext.get(), -1, llSeconds * AV_TIME_BASE, AVSEEK_FLAG_ANY) < 0)
+    return Fail(ERROR_AVFORMAT_CONVERT_SEEK);
+  return true;
+}
+
+bool CAVFormat_Convert::AVFormat_Convert_Stop(void* lpTask) noexcept {
+  quorvel::ClearError();
+  auto* task = static_cast<AVPACKET_FILE_CONVERT*>(lpTask);
+  if (task == nullptr) return true;
+
+  // The worker is stopped first, also out of a blocking read or write, so that
+  // nothing below runs under its feet.
+  if (task->pThread.joinable()) {
+    task->bAbort = true;
+    task->bRunning = false;
+    task->pThread.join();
+    task->bAbort = false;
+  }
+  task->bRunning = false;
+
+  // Then, in this order: input closed, trailer (only after a header), stream
+  // map, output file and context, input bridge, output bridge.
+  task->pInputContext.reset();
+  if (task->bHeaderWritten) av_write_trailer(task->pOutputContext.get());
+  task->pnStreamMap.reset();
+  task->pOutputContext.reset();
+  task->pInputIO.reset();
+  task->pInputBuffer.reset();
+  task->pOutputIO.reset();
+  task->pOutputBuffer.reset();
+  delete task;
+  return true;
+}

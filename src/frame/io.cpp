@@ -1,0 +1,110 @@
+#include "frame/io.h"
+
+namespace quorvel {
+namespace {
+
+// The caller's function and context, behind the I/O context's opaque pointer.
+// Going through these trampolines keeps the caller's function type apart from
+// the one FFmpeg's version expects.
+struct CallerEndpoint {
+  IOFunction function;
+  void* context;
+};
+
+int ReadToCaller(void* opaque, uint8_t* buffer, int size) {
+  auto* endpoint = static_cast<CallerEndpoint*>(opaque);
+  return endpoint->function(endpoint->context, buffer, size);
+}
+
+int WriteToCaller(void* opaque, AVIOWriteBuffer buffer, int size) {
+  auto* endpoint = static_cast<CallerEndpoint*>(opaque);
+  // The caller's type is not const; the caller only reads the bytes.
+  return endpoint->function(endpoint->context, const_cast<unsigned char*>(buffer), size);
+}
+
+int AbortWhenSet(void* flag) { return static_cast<const std::atomic<bool>*>(flag)->load() ? 1 : 0; }
+
+BridgeBuffer AllocBridgeBuffer() noexcept {
+  return BridgeBuffer(static_cast<uint8_t*>(av_malloc(kBridgeBufferSize)));
+}
+
+// Hands `buffer` to a new I/O context; on failure the buffer stays in `buffer`.
+BridgeIO MakeBridgeIO(BridgeBuffer& buffer, IOFunction function, void* context, bool write) noexcept {
+  auto* endpoint = new (std::nothrow) CallerEndpoint{function, context};
+  if (endpoint == nullptr) return nullptr;
+  AVIOContext* io = avio_alloc_context(buffer.get(), kBridgeBufferSize, write ? 1 : 0, endpoint,
+                                       write ? nullptr : ReadToCaller, write ? WriteToCaller : nullptr, nullptr);
+  if (io == nullptr) {
+    delete endpoint;
+    return nullptr;
+  }
+  buffer.release();
+  return BridgeIO(io);
+}
+
+}  // namespace
+
+void BridgeIOFree::operator()(AVIOContext* io) const noexcept {
+  delete static_cast<CallerEndpoint*>(io->opaque);
+  av_freep(&io->buffer);
+  avio_context_free(&io);
+}
+
+AVIOInterruptCB InterruptOn(const std::atomic<bool>& flag) noexcept {
+  return AVIOInterruptCB{AbortWhenSet, const_cast<std::atomic<bool>*>(&flag)};
+}
+
+OpenResult OpenUrlInput(InputContext& input, const char* url, AVIOInterruptCB interrupt) noexcept {
+  input.reset(avformat_alloc_context());
+  if (!input) return OpenResult::kNoMemory;
+  input->interrupt_callback = interrupt;
+  AVFormatContext* context = input.release();
+  const int result = avformat_open_input(&context, url, nullptr, nullptr);  // frees it on failure
+  input.reset(context);
+  return result < 0 ? OpenResult::kOpenFailed : OpenResult::kOk;
+}
+
+OpenResult OpenBridgeInput(InputContext& input, BridgeBuffer& buffer, BridgeIO& io, IOFunction read,
+                           void* opaque, AVIOInterruptCB interrupt) noexcept {
+  input.reset(avformat_alloc_context());
+  buffer = AllocBridgeBuffer();
+  if (!input || !buffer) return OpenResult::kNoMemory;
+  io = MakeBridgeIO(buffer, read, opaque, false);
+  if (!io) return OpenResult::kNoMemory;
+  input->pb = io.get();
+  // Marked as caller I/O before opening, so that closing the context never closes the bridge.
+  input->flags |= AVFMT_FLAG_CUSTOM_IO;
+  input->interrupt_callback = interrupt;
+  AVFormatContext* context = input.release();
+  const int result = avformat_open_input(&context, "nothing", nullptr, nullptr);
+  input.reset(context);
+  return result < 0 ? OpenResult::kOpenFailed : OpenResult::kOk;
+}
+
+OpenResult OpenOutput(OutputContext& output, BridgeBuffer& buffer, BridgeIO& io, const char* name,
+                      IOFunction write, void* opaque, AVIOInterruptCB interrupt) noexcept {
+  AVFormatContext* context = nullptr;
+  if (write != nullptr)
+    avformat_alloc_output_context2(&context, nullptr, name, nullptr);
+  else
+    avformat_alloc_output_context2(&context, nullptr, nullptr, name);
+  output.reset(context);
+  if (context == nullptr) return OpenResult::kNoFormat;
+  context->interrupt_callback = interrupt;
+
+  if (write != nullptr) {
+    buffer = AllocBridgeBuffer();
+    if (!buffer) return OpenResult::kNoMemory;
+    io = MakeBridgeIO(buffer, write, opaque, true);
+    if (!io) return OpenResult::kNoMemory;
+    context->pb = io.get();
+    context->flags |= AVFMT_FLAG_CUSTOM_IO;
+    return OpenResult::kOk;
+  }
+  if ((context->oformat->flags & AVFMT_NOFILE) != 0) return OpenResult::kOk;
+  if (avio_open2(&context->pb, name, AVIO_FLAG_WRITE, &context->interrupt_callback, nullptr) < 0)
+    return OpenResult::kOpenFailed;
+  return OpenResult::kOk;
+}
+
+}  // namespace quorvel

@@ -1,0 +1,59 @@
+// Opening inputs and outputs, by name or through the caller I/O bridge.
+//
+// The bridge is FFmpeg's custom I/O: an AVIOContext over a 10 MiB buffer of the
+// library's own, whose read or write function is the caller's. A bridged input
+// is opened under the pseudo-URL "nothing" and probed from the bytes that the
+// caller's function delivers; a bridged output takes a container format's
+// short name instead of a file name. Neither is seekable.
+#pragma once
+
+#include <atomic>
+#include <memory>
+
+#include "Quorvel_AVFormat.h"
+#include "frame/ffmpeg.h"
+
+namespace quorvel {
+
+constexpr int kBridgeBufferSize = 0xA00000;
+
+using IOFunction = AVFORMAT_IO_FUNCTION;
+
+// Owns a bridge's I/O context together with its current buffer (FFmpeg may
+// replace the buffer it was given) and the caller's function and context.
+struct BridgeIOFree {
+  void operator()(AVIOContext* io) const noexcept;
+};
+using BridgeIO = std::unique_ptr<AVIOContext, BridgeIOFree>;
+// A bridge buffer not yet handed to an I/O context.
+using BridgeBuffer = std::unique_ptr<uint8_t, AvFree>;
+
+enum class OpenResult {
+  kOk,
+  kNoMemory,    // a context or a buffer could not be allocated
+  kOpenFailed,  // avformat_open_input or avio_open failed
+  kNoFormat,    // no output format for the name
+};
+
+// Interrupt callback for FFmpeg's blocking I/O: aborts once `flag` is set, so
+// that a Stop ends a read or write that waits on the network.
+AVIOInterruptCB InterruptOn(const std::atomic<bool>& flag) noexcept;
+
+// Opens `url` into `input` (replacing, and releasing, what it held).
+OpenResult OpenUrlInput(InputContext& input, const char* url, AVIOInterruptCB interrupt) noexcept;
+
+// Opens the input through the bridge: a fresh context in `input` (releasing
+// what it held), a buffer in `buffer` that `io` then owns, and `read` called
+// with `opaque`.
+OpenResult OpenBridgeInput(InputContext& input, BridgeBuffer& buffer, BridgeIO& io, IOFunction read,
+                           void* opaque, AVIOInterruptCB interrupt) noexcept;
+
+// Creates the output context. Without `write`, `name` is a file name or URL
+// that decides the container, and the file is opened unless the format needs
+// none. With `write`, `name` is a format's short name and the output goes
+// through the bridge (`buffer`, then `io`), flagged AVFMT_FLAG_CUSTOM_IO.
+// Whatever was made stays in the holders, also on failure.
+OpenResult OpenOutput(OutputContext& output, BridgeBuffer& buffer, BridgeIO& io, const char* name,
+                      IOFunction write, void* opaque, AVIOInterruptCB interrupt) noexcept;
+
+}  // namespace quorvel

@@ -1,0 +1,28 @@
+// What every family's worker thread shares: the pause poll, starting the
+// thread, and the timestamps made up for packets that come without any.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <thread>
+
+#include "frame/ffmpeg.h"
+
+namespace quorvel {
+
+// A paused worker sleeps this long between looks at its flags.
+constexpr std::chrono::milliseconds kPausePoll{100};
+
+// Runs `body(task)` on `thread`. False when no joinable thread results.
+bool StartWorker(std::thread& thread, int (*body)(void*), void* task) noexcept;
+
+// Gives a packet without a presentation time the times of packet number
+// `number` of `stream`, from the stream's frame rate:
+//   frame length F = trunc(1e6 / r_frame_rate) microseconds,
+//   pts = dts = trunc(number * F / (time_base * 1e6)),
+//   duration = trunc(F / (time_base * 1e6)),
+// each step in double precision, truncated toward zero. A frame rate or time
+// base of 0 leaves the times unset (AV_NOPTS_VALUE) instead.
+void SynthesizeTimestamps(AVPacket* packet, const AVStream* stream, int64_t number) noexcept;
+
+}  // namespace quorvel

@@ -1,0 +1,23 @@
+// Demultiplexing: an input split into one container per stream on a worker
+// thread, or its packets and codec parameters pulled by the caller.
+#pragma once
+
+#include "Quorvel_AVFormat.h"
+
+class QUORVEL_AVFORMAT_API CAVFormat_UNPack {
+ public:
+  void* AVFormat_UNPack_Init(AVFORMAT_PROGRESS_CALLBACK fpProgress, void* lpCallbackContext);
+  bool AVFormat_UNPack_Input(void* lpTask, const char* szUrl, AVFORMAT_IO_FUNCTION fpRead, void* lpReadContext);
+  bool AVFormat_UNPack_Output(void* lpTask, AVCODEC_FORMATINFO*** pppInfos, int nCount);
+  bool AVFormat_UNPack_Start(void* lpTask);
+  bool AVFormat_UNPack_Read(void* lpTask, int* pnStreamIndex, unsigned char* pData, int* pnSize,
+                            AVCODEC_PACKETINFO* pInfo, AVCODEC_TIMEBASE* pTimeBase);
+  bool AVFormat_UNPack_GetStatus(void* lpTask, bool* pbRunning);
+  bool AVFormat_UNPack_Suspend(void* lpTask, bool bPause);
+  bool AVFormat_UNPack_Seek(void* lpTask, int nStreamIndex, unsigned long long ullTimestamp);
+  bool AVFormat_UNPack_Stop(void* lpTask) noexcept;
+  bool AVFormat_UNPack_GetAVCodec(void* lpTask, int nStreamIndex, void** ppCodecParameters,
+                                  AVCODEC_TIMEBASE* pTimeBase);
+
+  static int AVFormat_UNPack_Thread(void* lpTask);
+};
