@@ -105,6 +105,7 @@ void WriteSynthetic(const std::string& path, const std::string& format, const st
     AVCodecParameters* parameters = stream->codecpar;
     parameters->codec_type = spec.type;
     parameters->codec_id = spec.codec;
+    parameters->codec_tag = spec.tag;
     if (spec.type == AVMEDIA_TYPE_VIDEO) {
       parameters->width = 160;
       parameters->height = 120;
@@ -154,25 +155,36 @@ std::vector<ProbePacket> ProbePackets(const std::string& path) {
   std::string text;
   const std::string command = std::string(QUORVEL_FFPROBE_TOOL) +
                               " -v error -show_data_hash md5 -show_entries "
-                              "packet=stream_index,pts,dts,duration,size,flags,data_hash -of csv=p=0 '" +
+                              "packet=stream_index,pts,dts,duration,size,flags,data_hash -of default '" +
                               path + "'";
   std::vector<ProbePacket> packets;
   if (Run(command, &text) != 0) return packets;
+  // Sections of key=value lines; side data sections inside a packet are skipped.
   std::stringstream lines(text);
   std::string line;
+  ProbePacket packet;
+  bool in_side_data = false;
   while (std::getline(lines, line)) {
-    // csv=p=0 prints the entries in ffprobe's own order: stream_index, pts, dts, duration, size, flags, data_hash
-    const std::vector<std::string> fields = Split(line, ',');
-    if (fields.size() < 7) continue;
-    ProbePacket packet;
-    packet.stream = std::stoi(fields[0]);
-    packet.pts = Ticks(fields[1]);
-    packet.dts = Ticks(fields[2]);
-    packet.duration = Ticks(fields[3]);
-    packet.size = std::stoi(fields[4]);
-    packet.flags = fields[5];
-    packet.hash = fields[6];
-    packets.push_back(packet);
+    if (line == "[PACKET]") {
+      packet = ProbePacket();
+    } else if (line == "[/PACKET]") {
+      packets.push_back(packet);
+    } else if (line.rfind("[SIDE_DATA", 0) == 0) {
+      in_side_data = true;
+    } else if (line.rfind("[/SIDE_DATA", 0) == 0) {
+      in_side_data = false;
+    } else if (!in_side_data) {
+      const size_t equals = line.find('=');
+      if (equals == std::string::npos) continue;
+      const std::string key = line.substr(0, equals), value = line.substr(equals + 1);
+      if (key == "stream_index") packet.stream = std::stoi(value);
+      else if (key == "pts") packet.pts = Ticks(value);
+      else if (key == "dts") packet.dts = Ticks(value);
+      else if (key == "duration") packet.duration = Ticks(value);
+      else if (key == "size") packet.size = std::stoi(value);
+      else if (key == "flags") packet.flags = value;
+      else if (key == "data_hash") packet.hash = value;
+    }
   }
   return packets;
 }
@@ -195,7 +207,8 @@ std::vector<ProbeStream> ProbeStreams(const std::string& path) {
     stream.codec_type = fields[2];
     const std::vector<std::string> base = Split(fields[3], '/');
     if (base.size() == 2) stream.time_base = AVRational{std::stoi(base[0]), std::stoi(base[1])};
-    streams.push_back(stream);
+    // MPEG-TS lists its streams once more under each program.
+    if (stream.index == static_cast<int>(streams.size())) streams.push_back(stream);
   }
   return streams;
 }

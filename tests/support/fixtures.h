@@ -40,6 +40,7 @@ struct SyntheticStream {
   int64_t step = 1;
   int size = 64;
   AVRational frame_rate{25, 1};  // video only
+  uint32_t tag = 0;              // codec tag, for containers that need one (a NUT data stream: 'DATA')
 };
 
 // Writes the streams' packets, interleaved by time, into `path` with the
