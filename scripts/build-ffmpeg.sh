@@ -63,6 +63,9 @@ CONFIGURE_FLAGS=(
     --enable-zlib
     # Keep debug symbols in the installed libraries (sanitizer backtraces).
     --disable-stripping
+    # Let the libraries find each other in PREFIX/lib: a consumer's own
+    # (DT_RUNPATH) rpath does not cover libavformat's dependency on libavutil.
+    --enable-rpath
 )
 STAMP_TEXT="$(printf '%s\n' "ffmpeg $VERSION" "${CONFIGURE_FLAGS[@]}")"
 

@@ -1,0 +1,25 @@
+#!/usr/bin/env bash
+# Sets up what is needed, builds the library and runs the whole test suite.
+#
+#   scripts/test.sh                      build in build/ against the system's FFmpeg
+#   BUILD_DIR=build-asan CMAKE_ARGS="-DQUORVEL_SANITIZE=address,undefined" scripts/test.sh
+#   FFMPEG_PREFIX=/path/to/ffmpeg scripts/test.sh     against another FFmpeg build
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/setup-debian.sh
+build_dir=${BUILD_DIR:-build}
+cmake_args=(-DQUORVEL_WERROR=ON -DQUORVEL_BUILD_TESTS=ON)
+if [ -n "${FFMPEG_PREFIX:-}" ]; then
+  export PKG_CONFIG_PATH="$FFMPEG_PREFIX/lib/pkgconfig"
+  export LD_LIBRARY_PATH="$FFMPEG_PREFIX/lib${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}"
+  cmake_args+=(-DCMAKE_BUILD_RPATH="$FFMPEG_PREFIX/lib")
+fi
+# shellcheck disable=SC2206
+cmake_args+=(${CMAKE_ARGS:-})
+
+cmake -S . -B "$build_dir" "${cmake_args[@]}" >/dev/null
+cmake --build "$build_dir" -j "$(nproc)"
+echo "FFmpeg: libavformat $(pkg-config --modversion libavformat)"
+cd "$build_dir"
+ctest -j "$(nproc)" --output-on-failure --timeout 300
