@@ -8,6 +8,7 @@
 #include "Quorvel_AVFormat.h"
 #include "support/caller.h"
 #include "support/fixtures.h"
+#include "support/server.h"
 
 namespace {
 
@@ -400,6 +401,35 @@ TEST(ConvertControl, StopIsSafeAtEveryStage) {
       }
     }
   }
+}
+
+// A network input that goes silent leaves the worker blocked in a read; Stop
+// must still end the task, through the input's interrupt callback.
+TEST(ConvertControl, StopEndsAReadThatBlocksOnTheNetwork) {
+  std::vector<uint8_t> bytes = qtest::ReadFile(qtest::VideoAudioClip("mkv"));
+  bytes.resize(bytes.size() * 2 / 3);
+  qtest::SilentServer server(bytes);
+  qtest::ProgressLog log;
+  void* task = AVFormat_Convert_Init(qtest::ProgressLog::Record, &log);
+  const std::string output = qtest::TempPath("network.mkv");
+  ASSERT_TRUE(AVFormat_Convert_Output(task, output.c_str(), 0, 0, nullptr, nullptr));
+  ASSERT_TRUE(AVFormat_Convert_Input(task, server.Url().c_str(), nullptr, nullptr));
+  ASSERT_TRUE(AVFormat_Convert_Start(task));
+  // Wait until the worker has taken what was sent and blocks for more.
+  size_t seen = 0;
+  EXPECT_TRUE(qtest::WaitUntil([&] {
+    const size_t now = log.Count();
+    const bool settled = now > 0 && now == seen;
+    seen = now;
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    return settled;
+  }));
+  EXPECT_TRUE(Running(task));
+
+  const auto before = std::chrono::steady_clock::now();
+  EXPECT_TRUE(AVFormat_Convert_Stop(task));
+  EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(5));
+  EXPECT_EQ(qtest::ProbePackets(output).size(), log.Count()) << "the trailer was written";
 }
 
 }  // namespace
