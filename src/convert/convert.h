@@ -35,6 +35,6 @@ class QUORVEL_AVFORMAT_API CAVFormat_Convert {
 
  private:
   // Not used by any operation: every task keeps all of its state in its own record.
-  std::unordered_map<void*, AVPACKET_FILE_CONVERT*> m_TaskMap;
-  std::shared_mutex m_TaskLock;
+  [[maybe_unused]] std::unordered_map<void*, AVPACKET_FILE_CONVERT*> m_TaskMap;
+  [[maybe_unused]] std::shared_mutex m_TaskLock;
 };

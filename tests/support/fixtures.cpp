@@ -99,19 +99,19 @@ std::string RawH264Clip() {
 void WriteSynthetic(const std::string& path, const std::string& format, const std::vector<SyntheticStream>& streams) {
   AVFormatContext* output = nullptr;
   ASSERT_GE(avformat_alloc_output_context2(&output, nullptr, format.c_str(), path.c_str()), 0) << format;
-  for (const SyntheticStream& spec : streams) {
+  for (const SyntheticStream& wanted : streams) {
     AVStream* stream = avformat_new_stream(output, nullptr);
-    stream->time_base = spec.time_base;
+    stream->time_base = wanted.time_base;
     AVCodecParameters* parameters = stream->codecpar;
-    parameters->codec_type = spec.type;
-    parameters->codec_id = spec.codec;
-    parameters->codec_tag = spec.tag;
-    if (spec.type == AVMEDIA_TYPE_VIDEO) {
+    parameters->codec_type = wanted.type;
+    parameters->codec_id = wanted.codec;
+    parameters->codec_tag = wanted.tag;
+    if (wanted.type == AVMEDIA_TYPE_VIDEO) {
       parameters->width = 160;
       parameters->height = 120;
       parameters->format = AV_PIX_FMT_YUV420P;
-      stream->avg_frame_rate = stream->r_frame_rate = spec.frame_rate;
-    } else if (spec.type == AVMEDIA_TYPE_AUDIO) {
+      stream->avg_frame_rate = stream->r_frame_rate = wanted.frame_rate;
+    } else if (wanted.type == AVMEDIA_TYPE_AUDIO) {
       parameters->sample_rate = 48000;
       parameters->format = AV_SAMPLE_FMT_S16;
       av_channel_layout_default(&parameters->ch_layout, 1);
@@ -134,14 +134,14 @@ void WriteSynthetic(const std::string& path, const std::string& format, const st
         next = static_cast<int>(i);
     }
     if (next < 0) break;
-    const SyntheticStream& spec = streams[next];
-    ASSERT_GE(av_new_packet(packet, spec.size), 0);
-    for (int b = 0; b < spec.size; ++b) packet->data[b] = static_cast<uint8_t>(written[next] + b);
+    const SyntheticStream& wanted = streams[next];
+    ASSERT_GE(av_new_packet(packet, wanted.size), 0);
+    for (int b = 0; b < wanted.size; ++b) packet->data[b] = static_cast<uint8_t>(written[next] + b);
     packet->stream_index = next;
-    packet->pts = packet->dts = spec.first_pts + written[next] * spec.step;
-    packet->duration = spec.step;
+    packet->pts = packet->dts = wanted.first_pts + written[next] * wanted.step;
+    packet->duration = wanted.step;
     packet->flags = AV_PKT_FLAG_KEY;
-    av_packet_rescale_ts(packet, spec.time_base, output->streams[next]->time_base);
+    av_packet_rescale_ts(packet, wanted.time_base, output->streams[next]->time_base);
     ASSERT_GE(av_interleaved_write_frame(output, packet), 0);
     ++written[next];
   }
