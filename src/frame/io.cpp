@@ -38,7 +38,7 @@ BridgeIO MakeBridgeIO(BridgeBuffer& buffer, IOFunction function, void* context, 
     delete endpoint;
     return nullptr;
   }
-  buffer.release();
+  static_cast<void>(buffer.release());  // the I/O context owns it now
   return BridgeIO(io);
 }
 
