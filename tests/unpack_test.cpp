@@ -60,7 +60,9 @@ struct Task {
     EXPECT_TRUE(AVFormat_UNPack_GetStatus(handle, &running));
     return running;
   }
-  bool RunToEnd() { return AVFormat_UNPack_Start(handle) && WaitUntil([this] { return !Running(); }); }
+  bool RunToEnd() {
+    return AVFormat_UNPack_Start(handle) && WaitUntil([this] { return !Running(); });
+  }
   void Stop() { AVFormat_UNPack_Stop(handle), handle = nullptr; }
   bool Read(Pulled& packet) {
     static unsigned char data[1 << 20];
@@ -115,7 +117,9 @@ std::string Synthetic() {
 }
 
 // ffprobe opens the file without complaint: QuickTime only once its trailer is written.
-bool Accepted(const std::string& path) { return Run(std::string(QUORVEL_FFPROBE_TOOL) + " -v quiet '" + path + "'") == 0; }
+bool Accepted(const std::string& path) {
+  return Run(std::string(QUORVEL_FFPROBE_TOOL) + " -v quiet '" + path + "'") == 0;
+}
 
 std::vector<int64_t> PtsOf(const std::vector<ProbePacket>& packets) {
   std::vector<int64_t> pts;
@@ -141,7 +145,8 @@ TEST(UNPackSplit, EachStreamLandsWholeInItsOwnContainer) {
     SCOPED_TRACE(std::string(c.format) + (c.by_reader ? " by reader" : ""));
     MemoryWriter writers[2];
     MemoryReader reader(ReadFile(input));
-    const std::string paths[2] = {TempPath(std::string("split0.") + c.format), TempPath(std::string("split1.") + c.format)};
+    const std::string paths[2] = {TempPath(std::string("split0.") + c.format),
+                                  TempPath(std::string("split1.") + c.format)};
     Task task;
     ASSERT_TRUE(c.by_reader ? AVFormat_UNPack_Input(task.handle, "ignored.none", MemoryReader::Read, &reader)
                             : task.Input(input));
@@ -174,11 +179,10 @@ TEST(UNPackSplit, StartAndEndTimesCutEveryOutput) {
     double video_start, video_end, audio_end;
     int64_t video_first, video_last, audio_last;  // pts written
   };
-  for (const Case& c : {Case{"start only", 2.0, 0, 0, 2000, 3960, 3960},
-                        Case{"video end met: both stop", 0, 2.0, 0, 0, 2000, 1980},
-                        Case{"audio end met: both stop", 0, 0, 0.99, 0, 960, 990},
-                        Case{"end never met", 0, 2.01, 0, 0, 3960, 3960},
-                        Case{"start and end", 1.0, 3.0, 0, 1000, 3000, 2970}}) {
+  for (const Case& c :
+       {Case{"start only", 2.0, 0, 0, 2000, 3960, 3960}, Case{"video end met: both stop", 0, 2.0, 0, 0, 2000, 1980},
+        Case{"audio end met: both stop", 0, 0, 0.99, 0, 960, 990}, Case{"end never met", 0, 2.01, 0, 0, 3960, 3960},
+        Case{"start and end", 1.0, 3.0, 0, 1000, 3000, 2970}}) {
     SCOPED_TRACE(c.name);
     const std::string video = TempPath("cut_v.mkv"), audio = TempPath("cut_a.mkv");
     Task task;
@@ -355,17 +359,27 @@ TEST(UNPackErrors, EachFailureReportsItsCode) {
       {{kInit}, "GetStatus without place", CALL(AVFormat_UNPack_GetStatus(t.handle, 0)), ERROR_AVFORMAT_PACKET_STATUS},
       {{kInit}, "Input of nothing", CALL(AVFormat_UNPack_Input(t.handle, 0, 0, 0)), kParameter},
       {{kInit}, "Input missing file", CALL(t.Input("/nonexistent.mkv")), ERROR_AVFORMAT_PACKET_OPEN},
-      {{kInit}, "Input empty reader", CALL(AVFormat_UNPack_Input(t.handle, 0, MemoryReader::Read, &empty)),
+      {{kInit},
+       "Input empty reader",
+       CALL(AVFormat_UNPack_Input(t.handle, 0, MemoryReader::Read, &empty)),
        ERROR_AVFORMAT_PACKET_OPEN},
-      {{kInput}, "Output above the stream count", CALL(t.Output({Out("a.mkv", 0), Out("b.mkv", 1), Out("c.mkv", 2)})),
+      {{kInput},
+       "Output above the stream count",
+       CALL(t.Output({Out("a.mkv", 0), Out("b.mkv", 1), Out("c.mkv", 2)})),
        kParameter},
       {{kInput}, "Output null array", CALL(AVFormat_UNPack_Output(t.handle, nullptr, 1)), kParameter},
-      {{kInput}, "Output unknown format", CALL(t.Output({Out("no-such-format", 0, 0, 0, &writer)})),
+      {{kInput},
+       "Output unknown format",
+       CALL(t.Output({Out("no-such-format", 0, 0, 0, &writer)})),
        ERROR_AVFORMAT_PACKET_OUTPUTFORMAT},
-      {{kInput}, "Output unknown extension", CALL(t.Output({Out(TempPath("x.nosuch"), 0)})),
+      {{kInput},
+       "Output unknown extension",
+       CALL(t.Output({Out(TempPath("x.nosuch"), 0)})),
        ERROR_AVFORMAT_PACKET_OUTPUTFORMAT},
       {{kInput}, "Output unwritable file", CALL(t.Output({Out("/nonexistent/x.mkv", 0)})), ERROR_AVFORMAT_PACKET_OPEN},
-      {{kInput}, "Output header refused", CALL(t.Output({Out("mp4", 0, 0, 0, &writer)})),
+      {{kInput},
+       "Output header refused",
+       CALL(t.Output({Out("mp4", 0, 0, 0, &writer)})),
        ERROR_AVFORMAT_PACKET_WRITEHEADER},
       {{kInput}, "Read without data", CALL(AVFormat_UNPack_Read(t.handle, &index, 0, &size, 0, 0)), kParameter},
       {{kInput}, "GetAVCodec past the streams", CALL(AVFormat_UNPack_GetAVCodec(t.handle, 2, &block, 0)), kSeek},

@@ -32,10 +32,10 @@ bool CAVFormat_UNPack::AVFormat_UNPack_Input(void* lpTask, const char* szUrl, AV
   task->bInputReady = false;
   const AVIOInterruptCB interrupt = quorvel::InterruptOn(task->bAbort);
   // A read function wins: the url is not even looked at then.
-  const OpenResult opened =
-      fpRead != nullptr ? quorvel::OpenBridgeInput(task->pFormatContext, task->pIOBuffer, task->pIOContext, fpRead,
-                                                   lpReadContext, interrupt)
-                        : quorvel::OpenUrlInput(task->pFormatContext, szUrl, interrupt);
+  const OpenResult opened = fpRead != nullptr
+                                ? quorvel::OpenBridgeInput(task->pFormatContext, task->pIOBuffer, task->pIOContext,
+                                                           fpRead, lpReadContext, interrupt)
+                                : quorvel::OpenUrlInput(task->pFormatContext, szUrl, interrupt);
   if (opened == OpenResult::kNoMemory) return Fail(ERROR_AVFORMAT_PACKET_MALLOC);
   if (opened != OpenResult::kOk) return Fail(ERROR_AVFORMAT_PACKET_OPEN);
 
@@ -57,8 +57,8 @@ uint64_t MakeOutput(AVPACKET_FILE_INFO& info, const AVCODEC_FORMATINFO& record, 
   info.FormatInfo.szName[sizeof info.FormatInfo.szName - 1] = '\0';
   const AVCODEC_FORMATINFO& format = info.FormatInfo;
 
-  switch (quorvel::OpenOutput(info.pFormatContext, info.pIOBuffer, info.pIOContext, format.szName,
-                              format.pWriteFunc, format.pWriteContext, quorvel::InterruptOn(abort))) {
+  switch (quorvel::OpenOutput(info.pFormatContext, info.pIOBuffer, info.pIOContext, format.szName, format.pWriteFunc,
+                              format.pWriteContext, quorvel::InterruptOn(abort))) {
     case OpenResult::kOk: break;
     case OpenResult::kNoFormat: return ERROR_AVFORMAT_PACKET_OUTPUTFORMAT;
     case OpenResult::kNoMemory: return ERROR_AVFORMAT_PACKET_MALLOC;

@@ -11,10 +11,10 @@
 
 // One output: a container that holds the packets of one input stream.
 struct AVPACKET_FILE_INFO {
-  AVCODEC_FORMATINFO FormatInfo{};  // the caller's record, copied
-  int nPacketCount = 0;             // packets of this output handled by the worker
-  quorvel::BridgeBuffer pIOBuffer;  // caller-write outputs only
-  quorvel::BridgeIO pIOContext;     // caller-write outputs only
+  AVCODEC_FORMATINFO FormatInfo{};        // the caller's record, copied
+  int nPacketCount = 0;                   // packets of this output handled by the worker
+  quorvel::BridgeBuffer pIOBuffer;        // caller-write outputs only
+  quorvel::BridgeIO pIOContext;           // caller-write outputs only
   quorvel::OutputContext pFormatContext;  // one stream, header written
 };
 
@@ -23,7 +23,7 @@ struct AVPACKET_FILE_UNPACK {
   std::list<AVPACKET_FILE_INFO> pInfoList;  // in the order Output was given them
   std::atomic<bool> bRunning{false};
   std::atomic<bool> bPause{false};
-  void* lpReserved = nullptr;  // first argument of every progress call; never set
+  void* lpReserved = nullptr;       // first argument of every progress call; never set
   quorvel::BridgeBuffer pIOBuffer;  // caller-read input only
   quorvel::BridgeIO pIOContext;     // caller-read input only
   quorvel::InputContext pFormatContext;
