@@ -86,8 +86,8 @@ extern "C" {
  * @param seconds    the packet's time in seconds (see each family)
  * @param context    the caller context given to *_Init()
  *
- * Only the conversion family accepts a NULL callback (no calls are made then);
- * every other family that is started must be given one.
+ * The conversion and demultiplexing families accept a NULL callback (no calls
+ * are made then); the others, when started, must be given one.
  */
 typedef void (*AVFORMAT_PROGRESS_CALLBACK)(void* reserved, int type, long long number, double seconds,
                                            void* context);
