@@ -163,12 +163,7 @@ bool CAVFormat_Link::AVFormat_Link_Stop(void* lpTask) noexcept {
   // The worker ends the current input at its next read and passes the others
   // by one read each; a blocking read is aborted. A paused worker is not woken:
   // the join waits until the caller resumes it.
-  task->bRunning = false;
-  if (task->pThread.joinable()) {
-    task->bAbort = true;
-    task->pThread.join();
-    task->bAbort = false;
-  }
+  quorvel::StopWorker(task->pThread, task->bRunning, task->bAbort);
 
   // Then, in this order: trailer (only after a header), inputs front to back,
   // the list, output file and context.
