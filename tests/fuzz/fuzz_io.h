@@ -33,7 +33,9 @@ struct ByteSource {
 };
 
 // Accepts and forgets whatever a muxer writes.
-inline int Discard(void*, unsigned char*, int size) { return size; }
+inline int Discard(void*, unsigned char*, int size) {
+  return size;
+}
 
 inline void IgnoreProgress(void*, int, long long, double, void*) {}
 
@@ -45,6 +47,8 @@ inline void WaitForEnd(bool (*get_status)(void*, bool*), void* task) {
 }
 
 // FFmpeg's complaints about broken input are expected here, and slow.
-inline void Quiet() { av_log_set_level(AV_LOG_QUIET); }
+inline void Quiet() {
+  av_log_set_level(AV_LOG_QUIET);
+}
 
 }  // namespace qfuzz
