@@ -1,5 +1,7 @@
 #include "frame/io.h"
 
+#include <cstring>
+
 namespace quorvel {
 namespace {
 
@@ -102,7 +104,14 @@ OpenResult OpenOutput(OutputContext& output, BridgeBuffer& buffer, BridgeIO& io,
     return OpenResult::kOk;
   }
   if ((context->oformat->flags & AVFMT_NOFILE) != 0) return OpenResult::kOk;
-  if (avio_open2(&context->pb, name, AVIO_FLAG_WRITE, &context->interrupt_callback, nullptr) < 0)
+  // A local file never blocks, so its writes are not interruptible: a Stop
+  // that arrives while the worker writes a packet must not cut the file short
+  // (and with it the trailer). Other protocols may block and keep the interrupt.
+  const char* protocol = avio_find_protocol_name(name);
+  const bool local_file = protocol != nullptr && std::strcmp(protocol, "file") == 0;
+  const AVIOInterruptCB uninterrupted{nullptr, nullptr};
+  if (avio_open2(&context->pb, name, AVIO_FLAG_WRITE, local_file ? &uninterrupted : &context->interrupt_callback,
+                 nullptr) < 0)
     return OpenResult::kOpenFailed;
   return OpenResult::kOk;
 }
