@@ -277,6 +277,50 @@ TEST(ReliabilityNames, UnreadableInputGivesTheOpenCode) {
   }
 }
 
+// Holds the worker inside one progress call until opened, so that a Stop
+// arrives at a known moment: conversion writes the packet right after it.
+struct Gate {
+  static void Hold(void*, int, long long number, double, void* context) {
+    auto* gate = static_cast<Gate*>(context);
+    if (number == gate->at) {
+      gate->entered = true;
+      while (!gate->open) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    ++gate->calls;
+  }
+  long long at = 5;
+  std::atomic<bool> entered{false}, open{false};
+  std::atomic<int> calls{0};
+};
+
+// A Stop that comes while the worker writes a packet to a file waits for the
+// write: the packet, and every one before it, is in the file, and so is the
+// trailer. Packets larger than the file's buffer go to the disk at once.
+TEST(ReliabilityStop, StopDuringAFileWriteKeepsEveryReportedPacket) {
+  SyntheticStream large;
+  large.codec = AV_CODEC_ID_MJPEG;
+  large.size = 100000;
+  large.count = 20;
+  const std::string input = TempPath("large-packets.nut");
+  WriteSynthetic(input, "nut", {large});
+  for (const char* extension : {"nut", "ts"}) {
+    SCOPED_TRACE(extension);
+    const std::string output = TempPath(std::string("stopped-writing.") + extension);
+    Gate gate;
+    void* task = AVFormat_Convert_Init(Gate::Hold, &gate);
+    ASSERT_TRUE(AVFormat_Convert_Output(task, output.c_str(), 0, 0, nullptr, nullptr));
+    ASSERT_TRUE(AVFormat_Convert_Input(task, input.c_str(), nullptr, nullptr));
+    ASSERT_TRUE(AVFormat_Convert_Start(task));
+    ASSERT_TRUE(WaitUntil([&] { return gate.entered.load(); }));
+    std::thread stopper([&] { AVFormat_Convert_Stop(task); });
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // Stop has raised the abort flag by now
+    gate.open = true;
+    stopper.join();
+    EXPECT_EQ(gate.calls, gate.at + 1);
+    EXPECT_EQ(ProbePackets(output).size(), static_cast<size_t>(gate.calls));
+  }
+}
+
 // A network source sends the start of a file and then goes silent with the
 // connection open: the worker blocks in a read. Stop ends that read through
 // the interrupt callback within a second, and the output gets its trailer.
