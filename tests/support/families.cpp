@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <thread>
 
 #include "support/fixtures.h"
 
@@ -17,13 +18,20 @@ const char* Name(Family family) {
   return "?";
 }
 
-AnyTask::AnyTask(Family which, ProgressLog& log) : family(which), log_(log) {
+AnyTask::AnyTask(Family which, ProgressLog& log, std::chrono::microseconds delay)
+    : family(which), log_(log), delay_(delay) {
   switch (family) {
-    case Family::kConvert: handle_ = AVFormat_Convert_Init(ProgressLog::Record, &log_); break;
-    case Family::kUnpack: handle_ = AVFormat_UNPack_Init(ProgressLog::Record, &log_); break;
-    case Family::kPacket: handle_ = AVFormat_Packet_Init(ProgressLog::Record, &log_); break;
-    case Family::kLink: handle_ = AVFormat_Link_Init(ProgressLog::Record, &log_); break;
+    case Family::kConvert: handle_ = AVFormat_Convert_Init(Progress, this); break;
+    case Family::kUnpack: handle_ = AVFormat_UNPack_Init(Progress, this); break;
+    case Family::kPacket: handle_ = AVFormat_Packet_Init(Progress, this); break;
+    case Family::kLink: handle_ = AVFormat_Link_Init(Progress, this); break;
   }
+}
+
+void AnyTask::Progress(void* reserved, int type, long long number, double seconds, void* context) {
+  auto* self = static_cast<AnyTask*>(context);
+  ProgressLog::Record(reserved, type, number, seconds, &self->log_);
+  if (self->delay_.count() > 0) std::this_thread::sleep_for(self->delay_);
 }
 
 bool AnyTask::Check(bool ok) {

@@ -32,7 +32,9 @@ struct Sink {
 
 class AnyTask {
  public:
-  AnyTask(Family family, ProgressLog& log);
+  // Every progress call is recorded in `log`; a `delay` makes the worker
+  // spend that long in each call, as a slow caller would.
+  AnyTask(Family family, ProgressLog& log, std::chrono::microseconds delay = {});
   ~AnyTask() { Stop(); }
   AnyTask(const AnyTask&) = delete;
   AnyTask& operator=(const AnyTask&) = delete;
@@ -55,7 +57,9 @@ class AnyTask {
 
  private:
   bool Check(bool ok);
+  static void Progress(void* reserved, int type, long long number, double seconds, void* context);
   ProgressLog& log_;
+  std::chrono::microseconds delay_;
   void* handle_;
 };
 

@@ -1,0 +1,119 @@
+// Many tasks of every family at once, driven from several threads that pause,
+// resume, poll and stop them at random moments (a paused concatenation task
+// is resumed before its Stop, as that family requires). Every output is then
+// read back with ffprobe. The sanitizer lanes run it for races and leaks.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <memory>
+#include <random>
+#include <thread>
+
+#include "Quorvel_AVFormat.h"
+#include "support/families.h"
+
+namespace {
+
+using namespace qtest;
+
+constexpr int kThreads = 4;
+constexpr int kTasks = 36;
+const Family kFamilies[] = {Family::kConvert, Family::kUnpack, Family::kLink};
+// However the dice fall, every task is stopped by then.
+constexpr std::chrono::seconds kDeadline{10};
+
+// A longer clip than the suites' own (150 video and 282 audio packets), so that tasks overlap.
+std::string LoadClip() {
+  return Clip("load.mkv", "-f lavfi -i testsrc=d=6:s=64x48:r=25 -f lavfi -i sine=d=6 -c:v mpeg4 -c:a aac");
+}
+
+struct Job {
+  Job(Family family, int index, std::mt19937& dice)
+      : reader(ReadFile(LoadClip())), task(family, log, std::chrono::microseconds(dice() % 3000)) {
+    const char* extensions[] = {"mkv", "nut", "ts"};
+    sink.name = TempPath("load-" + std::to_string(index) + "." + extensions[index % 3]);
+    source.url = LoadClip();
+    // Conversion and demultiplexing also take caller I/O, on one side or both.
+    if (family == Family::kConvert || family == Family::kUnpack) {
+      if (dice() % 3 == 0) source.reader = &reader;
+      if (dice() % 3 == 0) sink = Sink{"matroska", &writer};
+    }
+  }
+  MemoryReader reader;
+  MemoryWriter writer;
+  Source source;
+  Sink sink;
+  ProgressLog log;
+  AnyTask task;
+  bool ended = false;  // GetStatus saw the worker end by itself
+};
+
+struct Tally {
+  std::atomic<int> ended{0}, checked{0};
+};
+
+// Sets up and starts its jobs, acts on them at random until all are stopped,
+// then reads their outputs back.
+void Drive(std::vector<Job*> jobs, unsigned seed, Tally& tally) {
+  std::mt19937 dice(seed);
+  for (Job* job : jobs) {
+    EXPECT_TRUE(job->task.SetUp(job->source, job->sink)) << Name(job->task.family);
+    EXPECT_TRUE(job->task.Start()) << Name(job->task.family);
+  }
+  const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+  std::vector<Job*> live = jobs;
+  while (!live.empty()) {
+    const size_t pick = dice() % live.size();
+    Job& job = *live[pick];
+    const unsigned action = dice() % 10;
+    if (action == 0 || std::chrono::steady_clock::now() > deadline) {
+      EXPECT_TRUE(job.task.Stop());
+      live.erase(live.begin() + static_cast<long>(pick));
+    } else if (action <= 3) {
+      EXPECT_TRUE(job.task.Suspend(action <= 2));
+    } else if (!job.task.Running()) {
+      job.ended = true;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(dice() % 20));
+  }
+
+  const auto packets = ProbePackets(LoadClip());
+  for (Job* job : jobs) {
+    const Family family = job->task.family;
+    SCOPED_TRACE(std::string(Name(family)) + " writing " + job->sink.name);
+    // A task that ended by itself carried its whole input, pauses or not.
+    if (job->ended) {
+      ++tally.ended;
+      EXPECT_EQ(job->log.Count(), family == Family::kUnpack ? OfStream(packets, 0).size() : packets.size());
+    }
+    // Every packet reported is in an output that ffprobe reads, trailer and all.
+    if (job->log.Count() == 0) continue;  // an empty container is not readable in every format
+    EXPECT_EQ(ProbeOutput(job->sink).size(), job->log.Count());
+    ++tally.checked;
+  }
+}
+
+TEST(Load, ManyTasksOfEveryFamilyPausedResumedAndStoppedAtRandom) {
+  unsigned seed = std::random_device{}();
+  if (const char* fixed = std::getenv("QUORVEL_LOAD_SEED"))
+    seed = static_cast<unsigned>(std::strtoul(fixed, nullptr, 10));
+  std::cout << "seed " << seed << " (set QUORVEL_LOAD_SEED to repeat this run)\n";
+  std::mt19937 dice(seed);
+
+  std::vector<std::unique_ptr<Job>> jobs;
+  for (int i = 0; i < kTasks; ++i) jobs.push_back(std::make_unique<Job>(kFamilies[i % std::size(kFamilies)], i, dice));
+  Tally tally;
+  std::vector<std::thread> drivers;
+  for (int t = 0; t < kThreads; ++t) {
+    std::vector<Job*> mine;
+    for (int i = t; i < kTasks; i += kThreads) mine.push_back(jobs[static_cast<size_t>(i)].get());
+    drivers.emplace_back(Drive, mine, dice(), std::ref(tally));
+  }
+  for (std::thread& driver : drivers) driver.join();
+  for (const auto& job : jobs) EXPECT_TRUE(job->task.Stopped());
+  std::cout << tally.ended << " tasks ended by themselves, " << kTasks - tally.ended
+            << " were stopped before GetStatus saw them end\n";
+  EXPECT_GT(tally.checked, kTasks / 2) << "most tasks moved packets before their Stop";
+}
+
+}  // namespace
