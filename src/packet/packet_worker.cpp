@@ -123,13 +123,7 @@ bool CAVFormat_Packet::AVFormat_Packet_Stop(void* lpTask) noexcept {
 
   // The worker is stopped first, also out of a blocking read or write, so that
   // nothing below runs under its feet. A task that never started has none.
-  if (task->pThread.joinable()) {
-    task->bAbort = true;
-    task->bRunning = false;
-    task->pThread.join();
-    task->bAbort = false;
-  }
-  task->bRunning = false;
+  quorvel::StopWorker(task->pThread, task->bRunning, task->bAbort);
 
   // Then, in this order: trailer (only after a header), each input with its
   // bridge, the output's bridge, the output's file and context.
