@@ -43,8 +43,13 @@ uint64_t FormatCode(Family family) {
 }
 
 // Families that can read through a caller function, and all of them.
-const Family kReaders[] = {Family::kConvert, Family::kUnpack};
-const Family kAll[] = {Family::kConvert, Family::kUnpack, Family::kLink};
+const Family kReaders[] = {Family::kConvert, Family::kUnpack, Family::kPacket};
+const Family kAll[] = {Family::kConvert, Family::kUnpack, Family::kPacket, Family::kLink};
+
+// A clip a family's task is meant for: a multiplexing input has one stream.
+std::string ClipFor(Family family, const std::string& extension) {
+  return family == Family::kPacket ? VideoOnlyClip(extension) : VideoAudioClip(extension);
+}
 
 // Packets of the clip that a family's task carries: a demultiplexing output holds stream 0 only.
 size_t Carried(Family family, const std::string& clip) {
@@ -124,18 +129,18 @@ TEST(ReliabilityReadFunction, ReadLoopEndsWithTheReadCode) {
 
 // A bridged output's header waits in the bridge's buffer, so a failing write
 // function is met by the worker, never by Start. Conversion drops what the
-// muxer refuses and runs to the end; demultiplexing ends at the first
+// muxer refuses and runs to the end, as does multiplexing; demultiplexing ends at the first
 // refused packet. Either way the task ends by itself and Stop releases it.
 TEST(ReliabilityWriteFunction, FailingWritesEndTheTaskCleanly) {
-  const std::string clip = VideoAudioClip("mkv");
   struct Case {
     Family family;
     bool ends_at_failure;
   };
-  const Case cases[] = {{Family::kConvert, false}, {Family::kUnpack, true}};
+  const Case cases[] = {{Family::kConvert, false}, {Family::kUnpack, true}, {Family::kPacket, false}};
   for (const Case& c : cases)
     for (const long long accepted : {0LL, 1000LL}) {
       SCOPED_TRACE(std::string(Name(c.family)) + ", writes fail after " + std::to_string(accepted) + " bytes");
+      const std::string clip = ClipFor(c.family, "mkv");
       MemoryWriter writer;
       writer.fail_after = accepted;
       ProgressLog log;
@@ -162,7 +167,7 @@ TEST(ReliabilityFullDisk, EveryFamilyEndsCleanlyOnDevFull) {
     SCOPED_TRACE(Name(family));
     ProgressLog log;
     AnyTask task(family, log);
-    ASSERT_TRUE(task.SetUp(Source{VideoAudioClip("mkv")}, Sink{full}));
+    ASSERT_TRUE(task.SetUp(Source{ClipFor(family, "mkv")}, Sink{full}));
     ASSERT_TRUE(task.Start());
     EXPECT_TRUE(task.WaitForEnd());
     EXPECT_TRUE(task.Stop());
@@ -208,13 +213,13 @@ TEST(ReliabilityBrokenFiles, GiveAnInputCodeOrACleanEnd) {
        }},
   };
   for (const char* extension : {"mkv", "mp4", "ts"})
-    for (const Damage& damage : damages) {
-      std::vector<uint8_t> bytes = ReadFile(VideoAudioClip(extension));
-      damage.apply(bytes);
-      const std::string broken = TempPath(std::string("broken.") + extension);
-      WriteFile(broken, bytes);
+    for (const Damage& damage : damages)
       for (const Family family : kAll) {
         SCOPED_TRACE(std::string(Name(family)) + ", " + extension + ", " + damage.name);
+        std::vector<uint8_t> bytes = ReadFile(ClipFor(family, extension));
+        damage.apply(bytes);
+        const std::string broken = TempPath(std::string("broken.") + extension);
+        WriteFile(broken, bytes);
         ProgressLog log;
         AnyTask task(family, log);
         const Sink sink{TempPath("from-broken.mkv")};
@@ -230,7 +235,6 @@ TEST(ReliabilityBrokenFiles, GiveAnInputCodeOrACleanEnd) {
           EXPECT_LE(written, log.Count()) << "packets the muxer refused are dropped";
         }
       }
-    }
 }
 
 // Inputs that aren't there or can't be read, and outputs whose name tells no
@@ -325,9 +329,9 @@ TEST(ReliabilityStop, StopDuringAFileWriteKeepsEveryReportedPacket) {
 // connection open: the worker blocks in a read. Stop ends that read through
 // the interrupt callback within a second, and the output gets its trailer.
 TEST(ReliabilityNetwork, StopEndsAReadThatBlocks) {
-  std::vector<uint8_t> bytes = ReadFile(VideoAudioClip("mkv"));
+  std::vector<uint8_t> bytes = ReadFile(VideoOnlyClip("mkv"));
   bytes.resize(bytes.size() * 2 / 3);
-  for (const Family family : {Family::kUnpack, Family::kLink}) {
+  for (const Family family : {Family::kUnpack, Family::kPacket, Family::kLink}) {
     SCOPED_TRACE(Name(family));
     SilentServer server(bytes);
     ProgressLog log;
