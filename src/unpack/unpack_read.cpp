@@ -50,10 +50,10 @@ bool CAVFormat_UNPack::AVFormat_UNPack_GetAVCodec(void* lpTask, int nStreamIndex
   // This operation reports a bad handle, a missing input and a bad index with the seek code.
   if (task == nullptr || !task->bInputReady) return Fail(ERROR_AVFORMAT_PACKET_SEEK);
   const AVFormatContext* input = task->pFormatContext.get();
-  if (nStreamIndex < 0 || nStreamIndex >= static_cast<int>(input->nb_streams)) return Fail(ERROR_AVFORMAT_PACKET_SEEK);
-
-  // The worker may be reading: demuxers update a stream's parameters as they go.
+  // The worker may be reading: demuxers update a stream's parameters as they
+  // go, and some add streams (and so move the stream array) while they read.
   std::lock_guard<std::mutex> lock(task->mtxInput);
+  if (nStreamIndex < 0 || nStreamIndex >= static_cast<int>(input->nb_streams)) return Fail(ERROR_AVFORMAT_PACKET_SEEK);
   const AVStream* stream = input->streams[nStreamIndex];
   if (pTimeBase != nullptr) {
     pTimeBase->den = stream->time_base.den;

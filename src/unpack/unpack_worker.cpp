@@ -102,9 +102,10 @@ bool CAVFormat_UNPack::AVFormat_UNPack_Seek(void* lpTask, int nStreamIndex, unsi
   auto* task = static_cast<AVPACKET_FILE_UNPACK*>(lpTask);
   if (task == nullptr || !task->bInputReady) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
   AVFormatContext* input = task->pFormatContext.get();
-  if (nStreamIndex < -1 || nStreamIndex >= static_cast<int>(input->nb_streams)) return Fail(ERROR_AVFORMAT_PACKET_SEEK);
-  // Allowed while the worker runs: it then goes on from the new position.
+  // Allowed while the worker runs, which then goes on from the new position;
+  // its reads may add streams, so the count too is read under the lock.
   std::lock_guard<std::mutex> lock(task->mtxInput);
+  if (nStreamIndex < -1 || nStreamIndex >= static_cast<int>(input->nb_streams)) return Fail(ERROR_AVFORMAT_PACKET_SEEK);
   if (av_seek_frame(input, nStreamIndex, static_cast<int64_t>(ullTimestamp), AVSEEK_FLAG_BACKWARD) < 0)
     return Fail(ERROR_AVFORMAT_PACKET_SEEK);
   return true;
