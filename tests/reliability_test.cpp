@@ -242,6 +242,7 @@ TEST(ReliabilityBrokenFiles, GiveAnInputCodeOrACleanEnd) {
 TEST(ReliabilityNames, MissingInputsAndUnknownOutputsGiveTheirCodes) {
   const std::string clip = VideoAudioClip("mkv"), output = TempPath("names.mkv");
   const std::string directory = TempPath("a-directory.mkv");
+  MemoryWriter writer;
   mkdir(directory.c_str(), 0755);
   struct Case {
     const char* name;
@@ -253,6 +254,8 @@ TEST(ReliabilityNames, MissingInputsAndUnknownOutputsGiveTheirCodes) {
       {"missing input file", Source{TempPath("missing.mkv")}, Sink{output}, OpenCode},
       {"a directory as input", Source{directory}, Sink{output}, OpenCode},
       {"output name with an unknown extension", Source{clip}, Sink{TempPath("out.nosuchcontainer")}, FormatCode},
+      // concatenation takes no write function: there the name is a file name without extension
+      {"unknown format name for a write function", Source{clip}, Sink{"nosuchformat", &writer}, FormatCode},
       {"a directory as output", Source{clip}, Sink{directory}, OpenCode},
   };
   for (const Case& c : cases)
