@@ -127,10 +127,11 @@ TEST(ReliabilityReadFunction, ReadLoopEndsWithTheReadCode) {
   }
 }
 
-// A bridged output's header waits in the bridge's buffer, so a failing write
-// function is met by the worker, never by Start. Conversion drops what the
-// muxer refuses and runs to the end, as does multiplexing; demultiplexing ends at the first
-// refused packet. Either way the task ends by itself and Stop releases it.
+// A failed header write that happens only when the bridge's buffer is handed
+// on is not reported: set-up and Start succeed, and the worker meets the
+// failure. Conversion and multiplexing drop what the muxer refuses and run to
+// the end; demultiplexing ends at the first refused packet. Either way the
+// task ends by itself and Stop releases it.
 TEST(ReliabilityWriteFunction, FailingWritesEndTheTaskCleanly) {
   struct Case {
     Family family;
