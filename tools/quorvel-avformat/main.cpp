@@ -45,6 +45,12 @@ int main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
+    if (app.get_subcommands().empty() && !app.remaining().empty() && app.remaining().front()[0] != '-') {
+      fmt::print(stderr,
+                 "quorvel-avformat: there is no subcommand \"{}\"; run `quorvel-avformat --help` for the list\n",
+                 app.remaining().front());
+      return 2;
+    }
     return app.exit(error) == 0 ? 0 : 2;
   }
   const std::string command = app.get_subcommands().front()->get_name();
