@@ -69,7 +69,7 @@ void ProgressDisplay::Update(const ProgressCounter& counter, bool paused) {
     paused_since_.reset();
   }
   if (mode_ == ProgressMode::kJson) {
-    if (counter.packets() == last_packets_) return;
+    if (counter.packets() == 0 || counter.packets() == last_packets_) return;
     last_packets_ = counter.packets();
     PrintJson("progress", counter, "", paused);
   } else if (mode_ == ProgressMode::kBar) {

@@ -119,8 +119,10 @@ void AddSplit(CLI::App& app, const CommonOptions& common, Action& action) {
       ->required();
   command->add_option("--format", options->format, "Container for an output written to standard output");
   command->footer(
-      "Packets are copied as they are. An end time stops every output, and only on a packet whose time\n"
-      "equals it exactly. `quorvel-avformat streams IN` lists the stream numbers. Example:\n"
+      "Packets are copied as they are, times included, in the input stream's time base: choose an output\n"
+      "container that keeps it (.mkv/.mka from Matroska, .ts from MPEG-TS), or the output's timeline comes\n"
+      "out scaled. An end time stops every output, and only on a packet whose time equals it exactly.\n"
+      "`quorvel-avformat streams IN` lists the stream numbers. Example:\n"
       "  quorvel-avformat split in.mkv 0=video.mkv 1=audio.mka");
   command->callback(
       [options, &common, &action] { action = [options, &common] { return RunSplit(*options, common); }; });

@@ -28,8 +28,8 @@ const char* OrDash(const char* text) {
   return text != nullptr ? text : "-";
 }
 
-nlohmann::json Describe(int index, const AVCodecParameters& p, AVCODEC_TIMEBASE time_base) {
-  nlohmann::json stream = {{"index", index},
+nlohmann::ordered_json Describe(int index, const AVCodecParameters& p, AVCODEC_TIMEBASE time_base) {
+  nlohmann::ordered_json stream = {{"index", index},
                            {"type", OrDash(av_get_media_type_string(p.codec_type))},
                            {"codec", avcodec_get_name(p.codec_id)},
                            {"time_base", fmt::format("{}/{}", time_base.num, time_base.den)},
@@ -53,7 +53,7 @@ nlohmann::json Describe(int index, const AVCodecParameters& p, AVCODEC_TIMEBASE 
   return stream;
 }
 
-std::string Line(const nlohmann::json& s) {
+std::string Line(const nlohmann::ordered_json& s) {
   std::string line = fmt::format("stream {}: {} {}", s["index"].get<int>(), s["type"].get<std::string>(),
                                  s["codec"].get<std::string>());
   if (s.contains("width"))
@@ -69,7 +69,7 @@ std::string Line(const nlohmann::json& s) {
 
 int RunStreams(const StreamsOptions& options) {
   PullReader reader(options.input);
-  nlohmann::json streams = nlohmann::json::array();
+  nlohmann::ordered_json streams = nlohmann::ordered_json::array();
   AVCODEC_TIMEBASE time_base{};
   for (int index = 0;; ++index) {
     // The copy's pointers point into the open input: describe it while the reader lives.
@@ -78,7 +78,7 @@ int RunStreams(const StreamsOptions& options) {
     streams.push_back(Describe(index, *parameters, time_base));
   }
   if (options.json) {
-    fmt::print("{}\n", nlohmann::json{{"streams", streams}}.dump(2));
+    fmt::print("{}\n", nlohmann::ordered_json{{"streams", streams}}.dump(2));
   } else {
     for (const auto& stream : streams) fmt::print("{}\n", Line(stream));
   }
