@@ -14,6 +14,10 @@
 
 #include "Quorvel_AVFormat.h"
 #include "support/fixtures.h"
+#ifdef QUORVEL_TOOL_CORE
+#include "arguments.h"
+#include "errors.h"
+#endif
 
 extern char** environ;
 
@@ -279,5 +283,82 @@ TEST_F(Tool, ConcatJoinsFilesEndToEnd) {
   EXPECT_EQ(CountOf(joined, 0), 2 * CountOf(in, 0));
   EXPECT_EQ(CountOf(joined, 1), CountOf(in, 1));  // the second input gives no audio
 }
+
+#ifdef QUORVEL_TOOL_CORE
+TEST(ToolArguments, TimesOutputSettingsAndInputSettings) {
+  const std::pair<std::string, double> times[] = {{"90", 90},          {"1.5", 1.5},      {"1:30", 90},
+                                                  {"0:01:30.5", 90.5}, {"1:02:03", 3723}, {"0", 0}};
+  for (const auto& [text, seconds] : times) EXPECT_EQ(qtool::ParseSeconds(text), seconds) << text;
+  for (const char* bad : {"", "abc", "-1", "1:60", "1.5:30", "1:2:3:4", "inf", "1:", "2s"})
+    EXPECT_THROW(qtool::ParseSeconds(bad), qtool::UsageError) << bad;
+
+  // Only trailing key=value parts are settings, so names may hold commas.
+  const qtool::SplitTarget target = qtool::ParseSplitTarget("0=a,b/v.mkv,start=2,end=1:00");
+  EXPECT_EQ(target.stream, 0);
+  EXPECT_EQ(target.output, "a,b/v.mkv");
+  EXPECT_EQ(target.start, 2.0);
+  EXPECT_EQ(target.end, 60.0);
+  EXPECT_EQ(qtool::ParseSplitTarget("12=-").output, "-");
+  for (const char* bad : {"a.mka", "=a.mka", "1=", "-1=a.mka", "x=a.mka", "1=a.mka,start=2,start=3", "1=a,end=x"})
+    EXPECT_THROW(qtool::ParseSplitTarget(bad), qtool::UsageError) << bad;
+
+  const qtool::ConcatInput input = qtool::ParseConcatInput("we,ird.mkv,video=-1,audio=2,start=1.5,end=3");
+  EXPECT_EQ(input.path, "we,ird.mkv");
+  EXPECT_EQ(input.video, -1);
+  EXPECT_EQ(input.audio, 2);
+  EXPECT_EQ(input.start, 1.5);
+  EXPECT_EQ(input.end, 3.0);
+  const qtool::ConcatInput plain = qtool::ParseConcatInput("a.mkv,other=1");
+  EXPECT_EQ(plain.path, "a.mkv,other=1");
+  EXPECT_FALSE(plain.video.has_value());
+  for (const char* bad : {",video=0", "a.mkv,video=x", "a.mkv,audio=-2", "a.mkv,video=1,video=2"})
+    EXPECT_THROW(qtool::ParseConcatInput(bad), qtool::UsageError) << bad;
+}
+
+TEST(ToolArguments, EveryLibraryErrorCodeHasItsNameAndAnExplanation) {
+#define QUORVEL_CODE(name) std::pair<uint64_t, std::string>(name, #name)
+  const std::pair<uint64_t, std::string> codes[] = {
+      QUORVEL_CODE(ERROR_AVFORMAT_CONVERT_MALLOC),
+      QUORVEL_CODE(ERROR_AVFORMAT_CONVERT_PARAMETER),
+      QUORVEL_CODE(ERROR_AVFORMAT_CONVERT_OPEN),
+      QUORVEL_CODE(ERROR_AVFORMAT_CONVERT_STREAMINFO),
+      QUORVEL_CODE(ERROR_AVFORMAT_CONVERT_OUTPUTFORMAT),
+      QUORVEL_CODE(ERROR_AVFORMAT_CONVERT_NEWSTREAM),
+      QUORVEL_CODE(ERROR_AVFORMAT_CONVERT_CODECPAR),
+      QUORVEL_CODE(ERROR_AVFORMAT_CONVERT_WRITEHEADER),
+      QUORVEL_CODE(ERROR_AVFORMAT_CONVERT_THREAD),
+      QUORVEL_CODE(ERROR_AVFORMAT_CONVERT_STATUS),
+      QUORVEL_CODE(ERROR_AVFORMAT_CONVERT_SEEK),
+      QUORVEL_CODE(ERROR_AVFORMAT_PACKET_MALLOC),
+      QUORVEL_CODE(ERROR_AVFORMAT_PACKET_PARAMETER),
+      QUORVEL_CODE(ERROR_AVFORMAT_PACKET_READ),
+      QUORVEL_CODE(ERROR_AVFORMAT_PACKET_OPEN),
+      QUORVEL_CODE(ERROR_AVFORMAT_PACKET_OUTPUTFORMAT),
+      QUORVEL_CODE(ERROR_AVFORMAT_PACKET_CODECPAR),
+      QUORVEL_CODE(ERROR_AVFORMAT_PACKET_WRITEHEADER),
+      QUORVEL_CODE(ERROR_AVFORMAT_PACKET_THREAD),
+      QUORVEL_CODE(ERROR_AVFORMAT_PACKET_STATUS),
+      QUORVEL_CODE(ERROR_AVFORMAT_PACKET_SEEK),
+      QUORVEL_CODE(ERROR_AVFORMAT_PACKET_WRITEFRAME),
+      QUORVEL_CODE(ERROR_AVFORMAT_LINK_MALLOC),
+      QUORVEL_CODE(ERROR_AVFORMAT_LINK_PARAMETER),
+      QUORVEL_CODE(ERROR_AVFORMAT_LINK_OPEN),
+      QUORVEL_CODE(ERROR_AVFORMAT_LINK_STREAMINFO),
+      QUORVEL_CODE(ERROR_AVFORMAT_LINK_OUTPUTFORMAT),
+      QUORVEL_CODE(ERROR_AVFORMAT_LINK_CODECPAR),
+      QUORVEL_CODE(ERROR_AVFORMAT_LINK_WRITEHEADER),
+      QUORVEL_CODE(ERROR_AVFORMAT_LINK_THREAD),
+  };
+#undef QUORVEL_CODE
+  for (const auto& [code, name] : codes) {
+    const qtool::ErrorText text = qtool::DescribeError(code);
+    ASSERT_NE(text.name, nullptr) << name;
+    EXPECT_EQ(text.name, name);
+    EXPECT_GT(std::string(text.what).size(), 20u) << name;
+    EXPECT_GT(std::string(text.check).size(), 20u) << name;
+  }
+  EXPECT_EQ(qtool::DescribeError(0x80D0001).name, nullptr);
+}
+#endif
 
 }  // namespace
