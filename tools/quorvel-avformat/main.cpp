@@ -73,5 +73,8 @@ int main(int argc, char** argv) {
   } catch (const std::bad_alloc&) {
     fmt::print(stderr, "quorvel-avformat {}: out of memory\n", command);
     return 1;
+  } catch (const std::exception& error) {
+    fmt::print(stderr, "quorvel-avformat {}: {}\n", command, error.what());
+    return 1;
   }
 }
