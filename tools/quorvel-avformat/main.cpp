@@ -65,6 +65,12 @@ int main(int argc, char** argv) {
                error.what(), command);
     return 2;
   } catch (const LibraryFailure& failure) {
+    // A signal during set-up ends a read from a pipe, which the library then
+    // reports as a failed open: the signal is the news, not the code.
+    if (StopSignal() != 0) {
+      fmt::print(stderr, "quorvel-avformat {}: interrupted\n", command);
+      return 128 + StopSignal();
+    }
     Report(command, failure);
     return 1;
   } catch (const ToolFailure& error) {
