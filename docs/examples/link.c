@@ -23,7 +23,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   double position = 0.0;
-  void* task = AVFormat_Link_Init(on_packet, &position); /* a started task needs a callback */
+  void* task = AVFormat_Link_Init(on_packet, &position);
   if (task == NULL) {
     fprintf(stderr, "could not create a concatenation task: error 0x%llX\n",
             (unsigned long long)AVFormat_GetLastError(NULL));

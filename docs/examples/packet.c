@@ -32,7 +32,7 @@ static int report(const char* call) {
 /* Part 1: input files, interleaved by the worker. */
 static int mux(const char* video, const char* audio, const char* out) {
   long long packets = 0;
-  void* task = AVFormat_Packet_Init(on_packet, &packets); /* a started task needs a callback */
+  void* task = AVFormat_Packet_Init(on_packet, &packets);
   if (task == NULL) {
     fprintf(stderr, "could not create a multiplexing task: error 0x%llX\n",
             (unsigned long long)AVFormat_GetLastError(NULL));

@@ -69,7 +69,7 @@ static int pull(const char* in) {
 /* Part 2: one output per stream, written by the worker. */
 static int split(const char* in, const char* dir, int streams) {
   long long packets = 0;
-  void* task = AVFormat_UNPack_Init(on_packet, &packets); /* a started task needs a callback */
+  void* task = AVFormat_UNPack_Init(on_packet, &packets);
   if (task == NULL || !AVFormat_UNPack_Input(task, in, NULL, NULL)) {
     AVFormat_UNPack_Stop(task);
     return report("AVFormat_UNPack_Init/Input");
