@@ -10,14 +10,12 @@ extern "C" {
 }
 
 #include "commands.h"
+#include "frame/ffmpeg_version.h"
 #include "errors.h"
 #include "probe.h"
 
 namespace qtool {
 namespace {
-
-// AVCodecParameters has a frame rate from libavcodec 60.11 (FFmpeg 6.1) on.
-#define QUORVEL_TOOL_HAS_FRAMERATE (LIBAVCODEC_VERSION_INT >= AV_VERSION_INT(60, 11, 100))
 
 struct StreamsOptions {
   std::string input;
@@ -39,7 +37,7 @@ nlohmann::ordered_json Describe(int index, const AVCodecParameters& p, AVCODEC_T
     stream["width"] = p.width;
     stream["height"] = p.height;
     stream["pixel_format"] = OrDash(av_get_pix_fmt_name(static_cast<AVPixelFormat>(p.format)));
-#if QUORVEL_TOOL_HAS_FRAMERATE
+#if QUORVEL_HAS_CODECPAR_FRAMERATE
     if (p.framerate.den != 0) stream["frame_rate"] = fmt::format("{}/{}", p.framerate.num, p.framerate.den);
 #endif
   } else if (p.codec_type == AVMEDIA_TYPE_AUDIO) {
