@@ -86,8 +86,7 @@ extern "C" {
  * @param seconds    the packet's time in seconds (see each family)
  * @param context    the caller context given to *_Init()
  *
- * The conversion and demultiplexing families accept a NULL callback (no calls
- * are made then); the others, when started, must be given one.
+ * May be NULL in every family: no calls are made then.
  */
 typedef void (*AVFORMAT_PROGRESS_CALLBACK)(void* reserved, int type, long long number, double seconds,
                                            void* context);

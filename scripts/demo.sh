@@ -1,12 +1,14 @@
 #!/usr/bin/env bash
-# Sets up what is needed, builds the library and its examples, makes a small
-# sample clip and remuxes it with a cut, printing progress and what it wrote.
+# Sets up what is needed, builds the library and its command-line tool, makes
+# a small sample clip, remuxes it with a cut while showing the progress, and
+# shows the streams of the result as the library reads them back.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/setup-debian.sh
 cmake -S . -B build >/dev/null
-cmake --build build -j "$(nproc)" --target convert_file >/dev/null
+cmake --build build -j "$(nproc)" --target quorvel-avformat >/dev/null
+tool=build/tools/quorvel-avformat/quorvel-avformat
 
 sample=build/sample.mp4
 if [ ! -s "$sample" ]; then
@@ -15,8 +17,11 @@ if [ ! -s "$sample" ]; then
     -c:v mpeg4 -g 25 -c:a aac "$sample"
 fi
 
-echo "Remuxing $sample into Matroska, keeping 2 s to 6 s:"
-build/examples/convert_file "$sample" build/sample-cut.mkv 2 6
+echo "\$ quorvel-avformat convert $sample build/sample-cut.mkv --start 2 --end 6"
+"$tool" --progress=bar convert "$sample" build/sample-cut.mkv --start 2 --end 6
+echo
+echo "\$ quorvel-avformat streams build/sample-cut.mkv"
+"$tool" streams build/sample-cut.mkv
 echo
 echo "What ffprobe sees in the result:"
 ffprobe -v error -show_entries stream=index,codec_type,codec_name:format=format_name,start_time,duration \

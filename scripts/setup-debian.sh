@@ -4,7 +4,8 @@
 set -euo pipefail
 
 packages=(build-essential cmake pkg-config libavformat-dev libavcodec-dev libavutil-dev
-          libgtest-dev ffmpeg xz-utils "$@")
+          libgtest-dev ffmpeg xz-utils
+          libcli11-dev nlohmann-json3-dev libfmt-dev dpkg-dev "$@")
 
 missing=()
 for package in "${packages[@]}"; do

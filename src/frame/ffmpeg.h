@@ -13,17 +13,12 @@ extern "C" {
 #include <cstdint>
 #include <memory>
 
-// AVCodecParameters::framerate exists from libavcodec 60.11 (FFmpeg 6.1) on.
-#if LIBAVCODEC_VERSION_INT >= AV_VERSION_INT(60, 11, 100)
-#define QUORVEL_HAS_CODECPAR_FRAMERATE 1
-#else
-#define QUORVEL_HAS_CODECPAR_FRAMERATE 0
-#endif
+#include "frame/ffmpeg_version.h"
 
 namespace quorvel {
 
 // The buffer type of an AVIOContext's write function: const from libavformat 61 (FFmpeg 7) on.
-#if LIBAVFORMAT_VERSION_MAJOR >= 61
+#if QUORVEL_AVIO_WRITE_TAKES_CONST
 using AVIOWriteBuffer = const uint8_t*;
 #else
 using AVIOWriteBuffer = uint8_t*;

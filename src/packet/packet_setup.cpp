@@ -50,7 +50,7 @@ bool CAVFormat_Packet::AVFormat_Packet_Output(void* lpTask, const char* szName, 
 
   task->bOutputReady = false;
   const OpenResult opened = quorvel::OpenOutput(task->pOutputContext, task->pOutputBuffer, task->pOutputIO, szName,
-                                                fpWrite, lpWriteContext, quorvel::InterruptOn(task->bAbort));
+                                                fpWrite, lpWriteContext);
   if (opened != OpenResult::kOk) return FailOpen(opened);
   // Neither value nor order is checked: 0 or less switches either bound off.
   task->dlStartTime = dlStartTime;

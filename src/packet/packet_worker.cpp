@@ -14,8 +14,7 @@ namespace {
 // Reads one packet of `input` and carries it into the output. False when the
 // run is to end: this input ran out (or failed), or the end time was met.
 bool CarryOnePacket(AVPACKET_FILE_PACKET* task, AVPACKET_FILE_AVINFO& input, AVPacket* packet) {
-  // Stop has set the abort flag, under which FFmpeg's I/O fails: the rest of
-  // the pass is not read, so that no write into the output is cut off half-way.
+  // Once Stop has set the abort flag, the rest of the pass is not read.
   if (task->bAbort) return false;
   AVFormatContext* source = input.pInputContext.get();
   AVFormatContext* output = task->pOutputContext.get();

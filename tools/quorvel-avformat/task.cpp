@@ -1,0 +1,60 @@
+#include "task.h"
+
+#include <string>
+
+#include "Quorvel_AVFormat.h"
+#include "errors.h"
+#include "terminal.h"
+
+namespace qtool {
+
+const Family kConversion{"conversion", AVFormat_Convert_GetStatus, AVFormat_Convert_Suspend, AVFormat_Convert_Stop};
+const Family kDemultiplexing{"demultiplexing", AVFormat_UNPack_GetStatus, AVFormat_UNPack_Suspend,
+                             AVFormat_UNPack_Stop};
+const Family kMultiplexing{"multiplexing", AVFormat_Packet_GetStatus, AVFormat_Packet_Suspend, AVFormat_Packet_Stop};
+const Family kConcatenation{"concatenation", AVFormat_Link_GetStatus, AVFormat_Link_Suspend, AVFormat_Link_Stop};
+
+void Task::Stop() {
+  if (handle_ == nullptr) return;
+  family_.suspend(handle_, false);
+  family_.stop(handle_);
+  handle_ = nullptr;
+}
+
+Outcome RunTask(Task& task, ProgressCounter& counter, const RunSettings& settings) {
+  KeyReader keys(settings.keys);
+  ProgressDisplay display(settings.mode, settings.span, keys.active());
+  const Family& family = task.family();
+  bool paused = false;
+  Outcome outcome = Outcome::kFinished;
+  for (;;) {
+    if (StopRequested()) {
+      outcome = StopSignal() != 0 ? Outcome::kInterrupted : Outcome::kStopped;
+      break;
+    }
+    bool running = false;
+    Check(family.get_status(task.get(), &running), std::string("asking the ") + family.name + " task for its status");
+    if (!running) break;
+    display.Update(counter, paused);
+    const char key = keys.Wait(std::chrono::milliseconds(100));
+    if (key == 'p' || key == 'P' || key == ' ') {
+      paused = !paused;
+      Check(family.suspend(task.get(), paused), paused ? "pausing the task" : "resuming the task");
+      display.Update(counter, paused);
+    } else if (key == 'q' || key == 'Q') {
+      RequestStop();
+    }
+  }
+  keys.Restore();
+  task.Stop();
+  display.Finish(counter, outcome == Outcome::kFinished  ? "finished"
+                          : outcome == Outcome::kStopped ? "stopped"
+                                                         : "interrupted");
+  return outcome;
+}
+
+int ExitStatus(Outcome outcome) {
+  return outcome == Outcome::kInterrupted ? 128 + StopSignal() : 0;
+}
+
+}  // namespace qtool

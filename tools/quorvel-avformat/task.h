@@ -1,0 +1,55 @@
+// A started task of any family, driven to its end: progress shown, keys and
+// signals obeyed, and Stop called exactly once, whatever happens.
+#pragma once
+
+#include <optional>
+
+#include "progress.h"
+
+namespace qtool {
+
+// The calls that every family has for a running task.
+struct Family {
+  const char* name;
+  bool (*get_status)(void* task, bool* running);
+  bool (*suspend)(void* task, bool pause);
+  bool (*stop)(void* task);
+};
+extern const Family kConversion, kDemultiplexing, kMultiplexing, kConcatenation;
+
+// Owns a task handle. Stop resumes the task first: a paused concatenation
+// waits for its resume even when stopped.
+class Task {
+ public:
+  Task(const Family& family, void* handle) : family_(family), handle_(handle) {}
+  ~Task() { Stop(); }
+  Task(const Task&) = delete;
+  Task& operator=(const Task&) = delete;
+
+  void* get() const { return handle_; }
+  const Family& family() const { return family_; }
+  // Stops the worker, writes the trailer and releases the task.
+  void Stop();
+
+ private:
+  const Family& family_;
+  void* handle_;
+};
+
+struct RunSettings {
+  ProgressMode mode = ProgressMode::kNone;
+  std::optional<Span> span;
+  bool keys = true;  // read p and q from the terminal (not when standard input carries data)
+};
+
+enum class Outcome { kFinished, kStopped, kInterrupted };
+
+// Waits for a started task's worker to end, or for the user to stop it, then
+// stops the task. Throws LibraryFailure when the task refuses a call.
+Outcome RunTask(Task& task, ProgressCounter& counter, const RunSettings& settings);
+
+// 0 for a task that finished or was stopped with q, 128 + the signal's number
+// for one that a signal interrupted.
+int ExitStatus(Outcome outcome);
+
+}  // namespace qtool
