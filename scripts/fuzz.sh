@@ -17,7 +17,7 @@ seconds=${1:-15}
 scripts/setup-debian.sh clang libclang-rt-14-dev
 build_dir=${BUILD_DIR:-build-fuzz}
 CC=clang CXX=clang++ cmake -S . -B "$build_dir" -DQUORVEL_BUILD_FUZZ=ON -DQUORVEL_BUILD_TESTS=OFF \
-  -DQUORVEL_BUILD_EXAMPLES=OFF -DQUORVEL_WERROR=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+  -DQUORVEL_BUILD_EXAMPLES=OFF -DQUORVEL_BUILD_TOOL=OFF -DQUORVEL_WERROR=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 targets=$(sed -n 's/^set(QUORVEL_FUZZ_TARGETS \(.*\))$/\1/p' CMakeLists.txt)
 # shellcheck disable=SC2086
 cmake --build "$build_dir" -j "$(nproc)" --target $targets

@@ -11,7 +11,7 @@ scripts/setup-debian.sh clang-tidy cppcheck
 build_dir=${BUILD_DIR:-build-lint}
 
 cmake -S . -B "$build_dir" -DCMAKE_EXPORT_COMPILE_COMMANDS=ON \
-  -DQUORVEL_BUILD_TESTS=OFF -DQUORVEL_BUILD_EXAMPLES=OFF >/dev/null
+  -DQUORVEL_BUILD_TESTS=OFF -DQUORVEL_BUILD_EXAMPLES=OFF -DQUORVEL_BUILD_TOOL=OFF >/dev/null
 
 echo "clang-tidy: $(clang-tidy --version | grep -m1 -o 'version [0-9.]*')"
 run-clang-tidy -p "$build_dir" -quiet -j "$(nproc)" "$PWD/src/.*\.cpp" >"$build_dir/clang-tidy.log" 2>&1 || {
