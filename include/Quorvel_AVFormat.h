@@ -86,8 +86,8 @@ extern "C" {
  * @param seconds    the packet's time in seconds (see each family)
  * @param context    the caller context given to *_Init()
  *
- * Only the conversion family accepts a NULL callback (no calls are made then);
- * every other family that is started must be given one.
+ * The conversion and demultiplexing families accept a NULL callback (no calls
+ * are made then); the others, when started, must be given one.
  */
 typedef void (*AVFORMAT_PROGRESS_CALLBACK)(void* reserved, int type, long long number, double seconds,
                                            void* context);
@@ -353,59 +353,76 @@ QUORVEL_AVFORMAT_API bool AVFormat_Convert_Seek(void* task, long long seconds);
 /* ------------------------------------------------------------------------ */
 
 /**
- * Creates a demultiplexing task. A task that is started must have a callback:
- * it is called once per packet that an output claims, with the output's input
- * stream index, the output's packet number from 0 and the packet's time.
+ * Creates a demultiplexing task.
+ * @param progress  called on the worker once per packet that an output claims,
+ *                  also for packets that the output's start time keeps out:
+ *                  type is the output's input stream index, number the output's
+ *                  packet number from 0, seconds the packet's pts times the
+ *                  output stream's time base. May be NULL: no calls are made.
  * @return the task handle, or NULL with ERROR_AVFORMAT_PACKET_MALLOC.
  */
 QUORVEL_AVFORMAT_API void* AVFormat_UNPack_Init(AVFORMAT_PROGRESS_CALLBACK progress, void* context);
 
 /**
- * Opens and probes the input.
+ * Opens and probes the input. Call before Output, Start, Read, Seek and GetAVCodec.
  * @param url   file name or URL; ignored when @p read is given
  * @param read  caller read function (caller I/O bridge), or NULL
- * Errors: ERROR_AVFORMAT_PACKET_PARAMETER (null task, nothing to open, or the
- *         input's streams could not be analysed), ERROR_AVFORMAT_PACKET_OPEN,
- *         ERROR_AVFORMAT_PACKET_MALLOC.
+ * Errors: ERROR_AVFORMAT_PACKET_PARAMETER (null task, nothing to open, already
+ *         started, or the input's streams could not be analysed),
+ *         ERROR_AVFORMAT_PACKET_OPEN, ERROR_AVFORMAT_PACKET_MALLOC.
  */
 QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Input(void* task, const char* url, AVFORMAT_IO_FUNCTION read,
                                                 void* opaque);
 
 /**
- * Creates one output per record and writes its header at once.
+ * Creates one output per record and writes its header at once: a file output
+ * holds its header when the call returns. Optional; call after Input and
+ * before Start. A @p count of 0 or less does nothing.
  * @param infos  points to the caller's variable that holds the address of an
- *               array of @p count record pointers. The records are copied.
+ *               array of @p count record pointers. The records are copied
+ *               (szName is read up to its 263rd character).
  * The i-th output takes the codec parameters of input stream i and receives
  * the packets of input stream infos[i]->nStreamIndex: name stream i in record i.
- * An nStreamIndex that names no input stream gives an output with no packets.
- * Errors: ERROR_AVFORMAT_PACKET_PARAMETER (null task, no input, null infos,
- *         count above the input's number of streams),
- *         ERROR_AVFORMAT_PACKET_OUTPUTFORMAT, ERROR_AVFORMAT_PACKET_OPEN,
+ * An nStreamIndex that names no input stream gives an output with no packets;
+ * when several outputs name one stream, the first of them receives it.
+ * Packets keep their input timestamps, counted in the output stream's time
+ * base: exact where the container keeps the input's (Matroska to Matroska).
+ * Errors: ERROR_AVFORMAT_PACKET_PARAMETER (null task, no input, already
+ *         started, null infos or record, count above the input's number of
+ *         streams), ERROR_AVFORMAT_PACKET_OUTPUTFORMAT, ERROR_AVFORMAT_PACKET_OPEN,
  *         ERROR_AVFORMAT_PACKET_MALLOC, ERROR_AVFORMAT_PACKET_CODECPAR,
  *         ERROR_AVFORMAT_PACKET_WRITEHEADER. The first failure ends the call;
- *         outputs made before it stay in the task.
+ *         outputs made before it stay in the task and are finished by Stop.
  */
 QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Output(void* task, AVCODEC_FORMATINFO*** infos, int count);
 
 /**
  * Starts the worker, which writes each packet into the first output that
- * claims its stream, unchanged, and ends at the end of the input or when a
- * packet's time equals an output's end time exactly (for every output).
+ * claims its stream, unchanged, and ends at the end of the input, on a write
+ * failure, or after the packet whose time equals an output's end time
+ * exactly (for every output). A task is started once; a pause asked for
+ * before Start is dropped.
  * Errors: ERROR_AVFORMAT_PACKET_PARAMETER (null task, no input, already
  *         started), ERROR_AVFORMAT_PACKET_THREAD.
  */
 QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Start(void* task);
 
 /**
- * Pulls the next packet of any stream, without a worker.
+ * Pulls the next packet of any stream, in the input's order, while no worker
+ * runs: before Start, or once GetStatus reports that the worker has ended
+ * (reading then goes on where the worker stopped). Outputs and their start
+ * and end times play no part.
  * @param stream_index receives the packet's stream index (required)
  * @param data         receives the packet's bytes (required): it must hold the
  *                     largest packet that the input can yield
  * @param size         receives the packet's size (required)
  * @param info         if not NULL, receives pts, dts and duration, unscaled
- * @param time_base    if not NULL, receives the time base those are counted in
- * Errors: ERROR_AVFORMAT_PACKET_PARAMETER, ERROR_AVFORMAT_PACKET_THREAD (the
- *         worker runs), ERROR_AVFORMAT_PACKET_READ (end of input or read error).
+ *                     (AV_NOPTS_VALUE where unknown)
+ * @param time_base    if not NULL, receives the time base those are counted
+ *                     in: the packet's own, else its stream's
+ * Errors: ERROR_AVFORMAT_PACKET_PARAMETER (null task or required pointer, no
+ *         input), ERROR_AVFORMAT_PACKET_THREAD (the worker runs, also paused),
+ *         ERROR_AVFORMAT_PACKET_READ (end of input or read error).
  */
 QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Read(void* task, int* stream_index, unsigned char* data, int* size,
                                                AVCODEC_PACKETINFO* info, AVCODEC_TIMEBASE* time_base);
@@ -413,31 +430,41 @@ QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Read(void* task, int* stream_index, un
 /** Stores whether the worker still runs. Errors: ERROR_AVFORMAT_PACKET_PARAMETER, ERROR_AVFORMAT_PACKET_STATUS. */
 QUORVEL_AVFORMAT_API bool AVFormat_UNPack_GetStatus(void* task, bool* running);
 
-/** Pauses (true) or resumes (false) the worker. Error: ERROR_AVFORMAT_PACKET_PARAMETER. */
+/**
+ * Pauses (true) or resumes (false) the worker; a paused worker still counts
+ * as running. Error: ERROR_AVFORMAT_PACKET_PARAMETER.
+ */
 QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Suspend(void* task, bool pause);
 
 /**
  * Moves the input's read position back to the key frame at or before
  * @p timestamp, counted in the time base of stream @p stream_index (-1:
- * microseconds). Errors: ERROR_AVFORMAT_PACKET_PARAMETER (null task, no input),
- * ERROR_AVFORMAT_PACKET_SEEK (no such stream, or the input could not seek).
+ * microseconds). Allowed while the worker runs, which then goes on from there.
+ * Errors: ERROR_AVFORMAT_PACKET_PARAMETER (null task, no input),
+ *         ERROR_AVFORMAT_PACKET_SEEK (no such stream, or the input could not seek).
  */
 QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Seek(void* task, int stream_index, unsigned long long timestamp);
 
 /**
- * Ends the task: stops and joins the worker, closes the input, writes each
- * output's trailer, releases everything and frees the task. Always true.
+ * Ends the task at any stage: stops and joins the worker (also a paused one),
+ * closes the input, writes each output's trailer, releases everything and
+ * frees the task. A caller write function has received all of its output's
+ * bytes when Stop returns. Always true; NULL is accepted.
  */
 QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Stop(void* task);
 
 /**
- * Hands out a copy of an input stream's codec parameters and its time base.
+ * Hands out a copy of an input stream's codec parameters and its time base,
+ * after Input and until Stop, also while the worker runs.
  * @param codec_parameters if not NULL, receives a malloc()ed copy of the
  *        stream's AVCodecParameters (sizeof as in the FFmpeg headers the library
- *        was built against). Release it with free(), never with
- *        avcodec_parameters_free(): its pointers (extradata, side data) still
- *        point into the task's input and stay valid until AVFormat_UNPack_Stop().
- *        A framerate with numerator 0 is replaced by the stream's r_frame_rate.
+ *        was built against: it differs between FFmpeg versions, so read it with
+ *        the same headers). Release it with free(), never with
+ *        avcodec_parameters_free(): its pointers (extradata, side data, a custom
+ *        channel map) still point into the task's input and dangle after
+ *        AVFormat_UNPack_Stop(). Built against FFmpeg 6.1 or later, a
+ *        framerate with numerator 0 is replaced by the stream's r_frame_rate
+ *        (0/0 for most audio); older AVCodecParameters have no framerate.
  * @param time_base        if not NULL, receives the stream's time base
  * Errors: ERROR_AVFORMAT_PACKET_SEEK (null task, no input, no such stream),
  *         ERROR_AVFORMAT_PACKET_MALLOC (the copy's pointer then holds NULL).

@@ -278,21 +278,28 @@ log "configuring: ${CONFIGURE_FLAGS[*]}"
 log "building with $JOBS jobs"
 make -j"$JOBS"
 
-# A previous, different or interrupted install must not leave stale files.
-rm -rf "$PREFIX"
-log "installing into $PREFIX"
-make install
+# Install into a staging tree beside the prefix and swap it in at the end, so
+# that other users of a cached prefix never see it half-installed, and no
+# files of an earlier install are left behind.
+STAGE="$CACHE/.stage-ffmpeg-$VERSION"
+OLD="$CACHE/.old-ffmpeg-$VERSION"
+rm -rf "$STAGE" "$OLD"
+log "installing into $PREFIX (staged in $STAGE)"
+make install DESTDIR="$STAGE"
+[[ -f "$STAGE$PREFIX/lib/pkgconfig/libavformat.pc" ]] || die "install did not produce libavformat.pc"
 
-[[ -f "$PREFIX/lib/pkgconfig/libavformat.pc" ]] || die "install did not produce libavformat.pc"
+# The stamp is written last: a prefix holding it is a complete install.
+printf '%s\n' "$STAMP_TEXT" >"$STAGE$STAMP"
+if [[ -e "$PREFIX" ]]; then
+    mv "$PREFIX" "$OLD"
+fi
+mv "$STAGE$PREFIX" "$PREFIX"
 
 cd "$CACHE"
+rm -rf "$OLD" "$STAGE"
 if [[ "${QUORVEL_FFMPEG_KEEP_BUILD:-0}" != 1 ]]; then
     rm -rf "$BUILDDIR"
 fi
-
-# Written last: its presence means the install is complete.
-printf '%s\n' "$STAMP_TEXT" >"$STAMP.tmp"
-mv -f "$STAMP.tmp" "$STAMP"
 
 log "FFmpeg $VERSION installed in $PREFIX ($((SECONDS - START_TIME)) s)"
 finish

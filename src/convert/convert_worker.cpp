@@ -115,15 +115,8 @@ bool CAVFormat_Convert::AVFormat_Convert_Stop(void* lpTask) noexcept {
   auto* task = static_cast<AVPACKET_FILE_CONVERT*>(lpTask);
   if (task == nullptr) return true;
 
-  // The worker is stopped first, also out of a blocking read or write, so that
-  // nothing below runs under its feet.
-  if (task->pThread.joinable()) {
-    task->bAbort = true;
-    task->bRunning = false;
-    task->pThread.join();
-    task->bAbort = false;
-  }
-  task->bRunning = false;
+  // The worker is stopped first, so that nothing below runs under its feet.
+  quorvel::StopWorker(task->pThread, task->bRunning, task->bAbort);
 
   // Then, in this order: input closed, trailer (only after a header), stream
   // map, output file and context, input bridge, output bridge.

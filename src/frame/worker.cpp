@@ -23,6 +23,16 @@ bool StartWorker(std::thread& thread, int (*body)(void*), void* task) noexcept {
   return thread.joinable();
 }
 
+void StopWorker(std::thread& thread, std::atomic<bool>& running, std::atomic<bool>& abort) noexcept {
+  if (thread.joinable()) {
+    abort = true;
+    running = false;
+    thread.join();
+    abort = false;  // what follows (the trailer) may do I/O again
+  }
+  running = false;
+}
+
 void SynthesizeTimestamps(AVPacket* packet, const AVStream* stream, int64_t number) noexcept {
   const double frame_rate = av_q2d(stream->r_frame_rate);
   const double ticks_per_microsecond = av_q2d(stream->time_base) * 1000000.0;

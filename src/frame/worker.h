@@ -2,6 +2,7 @@
 // thread, and the timestamps made up for packets that come without any.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <thread>
@@ -15,6 +16,11 @@ constexpr std::chrono::milliseconds kPausePoll{100};
 
 // Runs `body(task)` on `thread`. False when no joinable thread results.
 bool StartWorker(std::thread& thread, int (*body)(void*), void* task) noexcept;
+
+// Makes a worker leave its loop, also out of FFmpeg I/O that blocks (through
+// the interrupt callback that reads `abort`), and joins it. Afterwards the
+// task's objects are the caller's alone. Does nothing to a worker never started.
+void StopWorker(std::thread& thread, std::atomic<bool>& running, std::atomic<bool>& abort) noexcept;
 
 // Gives a packet without a presentation time the times of packet number
 // `number` of `stream`, from the stream's frame rate:

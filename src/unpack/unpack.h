@@ -1,5 +1,18 @@
 // Demultiplexing: an input split into one container per stream on a worker
 // thread, or its packets and codec parameters pulled by the caller.
+//
+// Deliberate behaviours, kept as callers rely on them:
+//  - output i takes the codec parameters of input stream i (its place in the
+//    array) but receives the packets of the stream its record names: a
+//    caller gets coherent files by naming stream i in record i;
+//  - packets reach their output with their input timestamps, not rescaled to
+//    the output stream's time base (exact when the container keeps the
+//    input's time base, as Matroska to Matroska does);
+//  - packets before an output's start time are read, reported to the
+//    progress callback and counted, but not written;
+//  - an output's end time ends the whole task, for every output, and only on
+//    a packet whose time equals it exactly;
+//  - a null task handle in GetAVCodec is reported as ERROR_AVFORMAT_PACKET_SEEK.
 #pragma once
 
 #include "Quorvel_AVFormat.h"

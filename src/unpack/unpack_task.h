@@ -1,0 +1,39 @@
+// The records behind a demultiplexing task handle.
+#pragma once
+
+#include <atomic>
+#include <list>
+#include <mutex>
+#include <thread>
+
+#include "Quorvel_AVFormat.h"
+#include "frame/io.h"
+
+// One output: a container that holds the packets of one input stream.
+struct AVPACKET_FILE_INFO {
+  AVCODEC_FORMATINFO FormatInfo{};        // the caller's record, copied
+  int nPacketCount = 0;                   // packets of this output handled by the worker
+  quorvel::BridgeBuffer pIOBuffer;        // caller-write outputs only
+  quorvel::BridgeIO pIOContext;           // caller-write outputs only
+  quorvel::OutputContext pFormatContext;  // one stream, header written
+};
+
+struct AVPACKET_FILE_UNPACK {
+  std::thread pThread;
+  std::list<AVPACKET_FILE_INFO> pInfoList;  // in the order Output was given them
+  std::atomic<bool> bRunning{false};
+  std::atomic<bool> bPause{false};
+  void* lpReserved = nullptr;       // first argument of every progress call; never set
+  quorvel::BridgeBuffer pIOBuffer;  // caller-read input only
+  quorvel::BridgeIO pIOContext;     // caller-read input only
+  quorvel::InputContext pFormatContext;
+  void* lpCallbackContext = nullptr;
+  AVFORMAT_PROGRESS_CALLBACK fpProgress = nullptr;
+
+  // Set by Stop while a worker runs: aborts FFmpeg I/O that blocks (a network read).
+  std::atomic<bool> bAbort{false};
+  bool bInputReady = false;  // Input succeeded: the input is open and its streams known
+  bool bStarted = false;     // Start has been called with success
+  // Read, Seek and GetAVCodec run on the caller's thread against the input the worker reads.
+  std::mutex mtxInput;
+};

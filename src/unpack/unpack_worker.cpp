@@ -1,0 +1,135 @@
+// Demultiplexing worker and control: Start, the worker's loop, Suspend,
+// GetStatus, Seek and Stop.
+#include <thread>
+
+#include "frame/error.h"
+#include "frame/worker.h"
+#include "unpack/unpack.h"
+#include "unpack/unpack_task.h"
+
+using quorvel::Fail;
+
+bool CAVFormat_UNPack::AVFormat_UNPack_Start(void* lpTask) {
+  quorvel::ClearError();
+  auto* task = static_cast<AVPACKET_FILE_UNPACK*>(lpTask);
+  // Started once, and only with an input; outputs are optional.
+  if (task == nullptr || !task->bInputReady || task->bStarted) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
+
+  task->bStarted = true;
+  task->bRunning = true;
+  task->bPause = false;
+  if (!quorvel::StartWorker(task->pThread, AVFormat_UNPack_Thread, task)) return Fail(ERROR_AVFORMAT_PACKET_THREAD);
+  return true;
+}
+
+namespace {
+
+// The first output that claims the stream, or null.
+AVPACKET_FILE_INFO* OutputOf(std::list<AVPACKET_FILE_INFO>& outputs, int stream_index) {
+  for (AVPACKET_FILE_INFO& info : outputs)
+    if (info.FormatInfo.nStreamIndex == stream_index) return &info;
+  return nullptr;
+}
+
+}  // namespace
+
+int CAVFormat_UNPack::AVFormat_UNPack_Thread(void* lpTask) {
+  auto* task = static_cast<AVPACKET_FILE_UNPACK*>(lpTask);
+  AVFormatContext* input = task->pFormatContext.get();
+  quorvel::Packet owned = quorvel::MakePacket();
+  AVPacket* packet = owned.get();
+
+  while (packet != nullptr && task->bRunning) {
+    if (task->bPause) {
+      std::this_thread::sleep_for(quorvel::kPausePoll);
+      continue;
+    }
+    int read;
+    {
+      std::lock_guard<std::mutex> lock(task->mtxInput);
+      read = av_read_frame(input, packet);
+    }
+    if (read < 0) break;  // end of input or read error
+
+    AVPACKET_FILE_INFO* info = OutputOf(task->pInfoList, packet->stream_index);
+    if (info == nullptr) {
+      av_packet_unref(packet);
+      continue;
+    }
+    const AVCODEC_FORMATINFO& format = info->FormatInfo;
+    AVFormatContext* output = info->pFormatContext.get();
+    // Written with its input timestamps, counted in the output stream's time base.
+    packet->stream_index = 0;
+    const double seconds = static_cast<double>(packet->pts) * av_q2d(output->streams[0]->time_base);
+
+    if (format.dlStartTime <= 0.0 || seconds >= format.dlStartTime) {
+      if (av_interleaved_write_frame(output, packet) < 0) {
+        av_packet_unref(packet);
+        break;
+      }
+    }
+    if (task->fpProgress != nullptr)
+      task->fpProgress(task->lpReserved, format.nStreamIndex, info->nPacketCount, seconds, task->lpCallbackContext);
+    ++info->nPacketCount;
+    av_packet_unref(packet);
+
+    // Exact equality on purpose, and the end of one output is the end of all.
+    if (format.dlEndTime > 0.0 && seconds == format.dlEndTime) break;
+  }
+  task->bRunning = false;
+  return 0;
+}
+
+bool CAVFormat_UNPack::AVFormat_UNPack_Suspend(void* lpTask, bool bPause) {
+  quorvel::ClearError();
+  auto* task = static_cast<AVPACKET_FILE_UNPACK*>(lpTask);
+  if (task == nullptr) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
+  task->bPause = bPause;
+  return true;
+}
+
+bool CAVFormat_UNPack::AVFormat_UNPack_GetStatus(void* lpTask, bool* pbRunning) {
+  quorvel::ClearError();
+  auto* task = static_cast<AVPACKET_FILE_UNPACK*>(lpTask);
+  if (task == nullptr) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
+  if (pbRunning == nullptr) return Fail(ERROR_AVFORMAT_PACKET_STATUS);
+  *pbRunning = task->bRunning;
+  return true;
+}
+
+bool CAVFormat_UNPack::AVFormat_UNPack_Seek(void* lpTask, int nStreamIndex, unsigned long long ullTimestamp) {
+  quorvel::ClearError();
+  auto* task = static_cast<AVPACKET_FILE_UNPACK*>(lpTask);
+  if (task == nullptr || !task->bInputReady) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
+  AVFormatContext* input = task->pFormatContext.get();
+  if (nStreamIndex < -1 || nStreamIndex >= static_cast<int>(input->nb_streams)) return Fail(ERROR_AVFORMAT_PACKET_SEEK);
+  // Allowed while the worker runs: it then goes on from the new position.
+  std::lock_guard<std::mutex> lock(task->mtxInput);
+  if (av_seek_frame(input, nStreamIndex, static_cast<int64_t>(ullTimestamp), AVSEEK_FLAG_BACKWARD) < 0)
+    return Fail(ERROR_AVFORMAT_PACKET_SEEK);
+  return true;
+}
+
+bool CAVFormat_UNPack::AVFormat_UNPack_Stop(void* lpTask) noexcept {
+  quorvel::ClearError();
+  auto* task = static_cast<AVPACKET_FILE_UNPACK*>(lpTask);
+  if (task == nullptr) return true;
+
+  // The worker is stopped first, so that nothing below runs under its feet.
+  quorvel::StopWorker(task->pThread, task->bRunning, task->bAbort);
+
+  // Then, in this order: input closed; per output, trailer (every output in
+  // the list has its header), file, context and bridge; the input's bridge.
+  task->pFormatContext.reset();
+  for (AVPACKET_FILE_INFO& info : task->pInfoList) {
+    av_write_trailer(info.pFormatContext.get());
+    info.pFormatContext.reset();
+    info.pIOContext.reset();
+    info.pIOBuffer.reset();
+  }
+  task->pInfoList.clear();
+  task->pIOContext.reset();
+  task->pIOBuffer.reset();
+  delete task;
+  return true;
+}
