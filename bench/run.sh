@@ -6,6 +6,8 @@
 #   bench/run.sh                 full run: ~800 MB and 1.2-million-packet fixtures
 #   bench/run.sh --smoke         tiny fixtures, one round: checks that the harness works
 #   bench/run.sh --runs 7        measured rounds (default 5; the median is reported)
+#   bench/run.sh --instructions  exact instruction counts (valgrind's callgrind) of the
+#                                bare loops and the library on 90,000-packet files
 #
 # Environment:
 #   QUORVEL_BENCH_DIR    fixture cache, outside the repository (default /var/tmp/quorvel-bench)
@@ -27,6 +29,7 @@ runs=5
 while [ $# -gt 0 ]; do
   case "$1" in
     --smoke | --quick) mode=smoke; runs=1 ;;
+    --instructions) mode=instructions; runs=1 ;;
     --runs) runs=$2; shift ;;
     -h | --help) sed -n '2,22p' "$0"; exit 0 ;;
     *) echo "unknown argument: $1" >&2; exit 2 ;;
@@ -40,7 +43,7 @@ build=${QUORVEL_BENCH_BUILD:-$root/build-bench}
 log() { printf '%s\n' "$*" >&2; }
 
 # ---------------------------------------------------------------- build
-"$root/scripts/setup-debian.sh"
+if [ "$mode" = instructions ]; then "$root/scripts/setup-debian.sh" valgrind; else "$root/scripts/setup-debian.sh"; fi
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUORVEL_BUILD_BENCH=ON \
   -DQUORVEL_BUILD_TESTS=OFF -DQUORVEL_BUILD_EXAMPLES=OFF >/dev/null
 cmake --build "$build" -j "$(nproc)" >/dev/null
@@ -51,11 +54,11 @@ bin=$build/bench
 # the concat demuxer (no re-encoding) up to the large file's size. Noise keeps
 # the video packets large. The packet-heavy files are 16-bit PCM at 8 kHz in
 # 8-sample packets (one per millisecond).
-if [ "$mode" = full ]; then
-  seg_size=1280x720 seg_seconds=10 big_copies=36 part_copies=12 heavy_part_seconds=400
-else
-  seg_size=320x240 seg_seconds=1 big_copies=3 part_copies=1 heavy_part_seconds=1
-fi
+case $mode in
+  full) seg_size=1280x720 seg_seconds=10 big_copies=36 part_copies=12 heavy_part_seconds=400 ;;
+  smoke) seg_size=320x240 seg_seconds=1 big_copies=3 part_copies=1 heavy_part_seconds=1 ;;
+  instructions) seg_size=320x240 seg_seconds=1 big_copies=3 part_copies=1 heavy_part_seconds=30 ;;
+esac
 stamp="fixtures v1 $seg_size $seg_seconds $big_copies $part_copies $heavy_part_seconds"
 
 ff() { ffmpeg -nostdin -hide_banner -loglevel error -y "$@"; }
@@ -247,6 +250,25 @@ count=${#ids[@]}
 declare -A state size
 failed=0
 
+count_instructions() {  # INDEX: the contender's instructions, once, under callgrind
+  local i=$1 id=${ids[$1]} status=0
+  local -a command
+  eval "command=(${commands[$i]})"
+  rm -f "$out/${jobs[$i]}".*
+  valgrind --tool=callgrind --callgrind-out-file=/dev/null "${command[@]}" >"$results/$id.log" 2>&1 || status=$?
+  if [ "$status" -eq 3 ] && [ "${kinds[$i]}" = lib ]; then
+    state[$id]=n/a
+  elif [ "$status" -ne 0 ]; then
+    state[$id]=FAILED
+    failed=1
+    log "FAILED (exit $status): ${labels[$i]} [${jobs[$i]}]"
+    tail -n 5 "$results/$id.log" >&2
+  else
+    sed -n 's/.*Collected : \([0-9]*\).*/\1/p' "$results/$id.log" >"$results/$id.instructions"
+  fi
+  rm -f "$out/${jobs[$i]}".*
+}
+
 run_one() {  # INDEX MEASURED(0/1): runs contender INDEX once
   local i=$1 measured=$2 id=${ids[$1]} status=0
   local job=${jobs[$1]} result=$results/${ids[$1]}.times
@@ -277,7 +299,7 @@ run_one() {  # INDEX MEASURED(0/1): runs contender INDEX once
 
 log "Fixtures: $F (cut $cut_start s to $cut_end s; heavy: $heavy_packets packets)"
 first_round=0
-[ "$mode" = smoke ] && first_round=1
+[ "$mode" = full ] || first_round=1
 log "Outputs: $out; $runs measured round(s) of $count contenders$([ $first_round = 0 ] && echo ' after a warm-up round')"
 load_before=$(cut -d' ' -f1-3 /proc/loadavg)
 started=$(date +%s)
@@ -285,6 +307,10 @@ for ((round = first_round; round <= runs; round++)); do
   for ((k = 0; k < count; k++)); do
     i=$(((k + round * 5) % count))
     [ -z "${state[${ids[$i]}]:-}" ] || continue
+    if [ "$mode" = instructions ]; then
+      case "${jobs[$i]}:${kinds[$i]}" in heavy-*:bare | heavy-*:lib | heavy-*:ref) count_instructions "$i" ;; esac
+      continue
+    fi
     run_one "$i" $((round > 0 ? 1 : 0))
   done
   [ "$round" -eq 0 ] || log "  round $round of $runs done ($(($(date +%s) - started)) s)"
@@ -292,6 +318,29 @@ done
 load_after=$(cut -d' ' -f1-3 /proc/loadavg)
 
 # ---------------------------------------------------------------- table
+if [ "$mode" = instructions ]; then
+  echo "Instructions executed (callgrind), whole process; packet-heavy file: $heavy_packets packets ($heavy_part_packets per part)"
+  echo
+  echo "| job | contender | instructions | x bare | extra per packet |"
+  echo "|---|---|---:|---:|---:|"
+  declare -A base
+  for ((i = 0; i < count; i++)); do
+    [ "${kinds[$i]}" = bare ] && [ -s "$results/${ids[$i]}.instructions" ] && base[${jobs[$i]}]=$(cat "$results/${ids[$i]}.instructions")
+  done
+  for ((i = 0; i < count; i++)); do
+    id=${ids[$i]} job=${jobs[$i]}
+    case "$job:${kinds[$i]}" in heavy-*:bare | heavy-*:lib | heavy-*:ref) ;; *) continue ;; esac
+    n=$(cat "$results/$id.instructions" 2>/dev/null || echo "${state[$id]:-?}")
+    packets=$heavy_packets
+    [ "$job" = heavy-mux ] && packets=$((2 * heavy_part_packets))
+    awk -v job="$job" -v label="${labels[$i]}" -v n="$n" -v b="${base[$job]:-}" -v p="$packets" 'BEGIN {
+      if (n !~ /^[0-9]+$/ || b == "") { printf "| %s | %s | %s | - | - |\n", job, label, n; exit }
+      printf "| %s | %s | %d | %.3f | %+.0f |\n", job, label, n, n / b, (n - b) / p }'
+  done
+  [ "$failed" -eq 0 ] || exit 1
+  exit 0
+fi
+
 # One line per contender: job kind median_s peak_kib size_bytes state label
 summary=$results/summary
 for ((i = 0; i < count; i++)); do
