@@ -559,48 +559,70 @@ QUORVEL_AVFORMAT_API bool AVFormat_Packet_StreamWrite(void* task, int stream_ind
 /* ------------------------------------------------------------------------ */
 
 /**
- * Creates a concatenation task. A task that is started must have a callback:
- * it is called once per routed packet, with the stream's media type, the
- * running number of packets of that type over all inputs (from 1) and the
- * packet's position on the output timeline.
+ * Creates a concatenation task.
+ * @param progress  may be NULL (no progress calls). Called on the worker once
+ *                  per routed packet, written or cut: type is the media type of
+ *                  the input stream the packet came from, number counts the
+ *                  packets of that type over all inputs from 1, seconds is the
+ *                  packet's position on the output timeline.
  * @return the task handle, or NULL with ERROR_AVFORMAT_LINK_MALLOC.
  */
 QUORVEL_AVFORMAT_API void* AVFormat_Link_Init(AVFORMAT_PROGRESS_CALLBACK progress, void* context);
 
 /**
- * Creates the output file, whose name decides the container.
- * Errors: ERROR_AVFORMAT_LINK_PARAMETER, ERROR_AVFORMAT_LINK_OUTPUTFORMAT, ERROR_AVFORMAT_LINK_OPEN.
+ * Creates the output file, whose name decides the container. Call once,
+ * before the inputs; it may be called again after a failure.
+ * Errors: ERROR_AVFORMAT_LINK_PARAMETER (null task or file name, called after
+ *         an Input or after Start), ERROR_AVFORMAT_LINK_OUTPUTFORMAT, ERROR_AVFORMAT_LINK_OPEN.
  */
 QUORVEL_AVFORMAT_API bool AVFormat_Link_Output(void* task, const char* file);
 
 /**
- * Appends an input file. The output's video and audio streams are described
- * from the first input that has each. Inputs must share codecs and time bases.
- * @param start, end  the cut; when both are above 0, a packet is written only
- *                    while its output position is at most @p start and at most @p end
- * @param video, audio  the input's stream to copy for each kind; -1 copies none
- * Errors: ERROR_AVFORMAT_LINK_PARAMETER (null task or file name, no output),
- *         ERROR_AVFORMAT_LINK_OPEN, ERROR_AVFORMAT_LINK_STREAMINFO, ERROR_AVFORMAT_LINK_CODECPAR.
+ * Appends an input file; inputs follow each other in call order, each read
+ * from its beginning. The output's video and audio streams are described from
+ * the first input that has each kind, from its first stream of that kind.
+ * Later inputs are not compared with it: they must share codecs and time bases.
+ * Each input continues where the previous one ended: its times are shifted by
+ * the previous input's last timestamp plus that timestamp divided by its
+ * packet count (integer division, in the inputs' time base).
+ * @param start, end  the cut, in seconds on the output timeline; when both are
+ *                    above 0, a packet is written only while its position is
+ *                    at most @p start and at most @p end. Cut packets are still
+ *                    reported and counted.
+ * @param video, audio  the input's stream to copy for each kind; -1, or an
+ *                    index that names no stream of the input, copies none. A
+ *                    stream named as both is copied as audio.
+ * Errors: ERROR_AVFORMAT_LINK_PARAMETER (null task or file name, no output,
+ *         called after Start), ERROR_AVFORMAT_LINK_OPEN, ERROR_AVFORMAT_LINK_STREAMINFO,
+ *         ERROR_AVFORMAT_LINK_MALLOC (no output stream), ERROR_AVFORMAT_LINK_CODECPAR.
  */
 QUORVEL_AVFORMAT_API bool AVFormat_Link_Input(void* task, const char* file, double start, double end, int video,
                                               int audio);
 
 /**
- * Writes the header and starts the worker.
- * Errors: ERROR_AVFORMAT_LINK_PARAMETER, ERROR_AVFORMAT_LINK_WRITEHEADER, ERROR_AVFORMAT_LINK_THREAD.
+ * Writes the header and starts the worker (not paused). GetStatus reports
+ * false once the worker has passed the last input; Stop is still needed.
+ * Errors: ERROR_AVFORMAT_LINK_PARAMETER (null task, no output, called twice),
+ *         ERROR_AVFORMAT_LINK_WRITEHEADER, ERROR_AVFORMAT_LINK_THREAD.
  */
 QUORVEL_AVFORMAT_API bool AVFormat_Link_Start(void* task);
 
-/** Stores whether the worker still runs. Errors: ERROR_AVFORMAT_PACKET_PARAMETER, ERROR_AVFORMAT_PACKET_STATUS. */
+/**
+ * Stores whether the worker still runs. Reports with the multiplexing codes:
+ * ERROR_AVFORMAT_PACKET_PARAMETER (null task), ERROR_AVFORMAT_PACKET_STATUS (null @p running).
+ */
 QUORVEL_AVFORMAT_API bool AVFormat_Link_GetStatus(void* task, bool* running);
 
-/** Pauses (true) or resumes (false) the worker. Error: ERROR_AVFORMAT_PACKET_PARAMETER. */
+/**
+ * Pauses (true) or resumes (false) the worker; accepted at any time.
+ * Error (multiplexing code): ERROR_AVFORMAT_PACKET_PARAMETER (null task).
+ */
 QUORVEL_AVFORMAT_API bool AVFormat_Link_Suspend(void* task, bool pause);
 
 /**
- * Ends the task: joins the worker, writes the trailer, releases everything.
- * Always true. A paused task must be resumed first: Stop waits until another
- * thread calls AVFormat_Link_Suspend(task, false).
+ * Ends the task: stops and joins the worker, writes the trailer (if the header
+ * was written), releases everything. Always true. A paused task must be
+ * resumed: Stop waits until another thread calls AVFormat_Link_Suspend(task, false).
  */
 QUORVEL_AVFORMAT_API bool AVFormat_Link_Stop(void* task);
 

@@ -1,5 +1,25 @@
 // Concatenation: several files joined end to end into one, each with its own
 // cut, with continuous timestamps.
+//
+// Deliberate behaviours, kept as callers rely on them:
+//  - each input after the first is shifted by the previous input's last
+//    timestamp plus one average spacing, estimated as last / count (signed
+//    64-bit integer division) in the inputs' own time base; "last" already
+//    holds the earlier offsets, so the estimate grows from the second input on,
+//    and an input's own first timestamp is never subtracted;
+//  - a packet is routed as audio first: a stream named both as the video and
+//    the audio stream goes to the audio output stream;
+//  - the cut keeps a packet when its output position is at or before the start
+//    bound and at or before the end bound (dropped when start < position or
+//    position > end); a bound of 0 or less switches the cut off. Cut packets
+//    are still reported and counted;
+//  - progress numbers each kind from 1 across all inputs;
+//  - the output's streams are described from the first input that has each
+//    kind, from its first stream of that kind, whatever index the caller gave;
+//  - every input is read from its beginning: there is no seek;
+//  - GetStatus and Suspend report with the multiplexing range's codes;
+//  - Stop on a paused task waits until another thread resumes it: the paused
+//    worker looks at nothing but the pause flag.
 #pragma once
 
 #include "Quorvel_AVFormat.h"

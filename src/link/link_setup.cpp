@@ -1,0 +1,101 @@
+// Concatenation set-up: Init, Output, Input.
+#include <new>
+#include <utility>
+
+#include "frame/error.h"
+#include "frame/io.h"
+#include "link/link.h"
+#include "link/link_task.h"
+
+using quorvel::Fail;
+using quorvel::OpenResult;
+
+namespace {
+
+// Describes the output's stream of one kind from `parameters`, unless an
+// earlier input already did.
+bool DescribeOutputStream(AVFormatContext* output, int& output_index, const AVCodecParameters* parameters) {
+  if (output_index != -1) return true;
+  AVStream* stream = avformat_new_stream(output, nullptr);
+  if (stream == nullptr) return Fail(ERROR_AVFORMAT_LINK_MALLOC);
+  if (avcodec_parameters_copy(stream->codecpar, parameters) < 0) return Fail(ERROR_AVFORMAT_LINK_CODECPAR);
+  output_index = stream->index;
+  // The output container chooses its own tag.
+  stream->codecpar->codec_tag = 0;
+  return true;
+}
+
+}  // namespace
+
+void* CAVFormat_Link::AVFormat_Link_Init(AVFORMAT_PROGRESS_CALLBACK fpProgress, void* lpCallbackContext) {
+  quorvel::ClearError();
+  auto* task = new (std::nothrow) AVPACKET_FILELINK;
+  if (task == nullptr) {
+    Fail(ERROR_AVFORMAT_LINK_MALLOC);
+    return nullptr;
+  }
+  task->lpCallbackContext = lpCallbackContext;
+  task->fpProgress = fpProgress;
+  return task;
+}
+
+bool CAVFormat_Link::AVFormat_Link_Output(void* lpTask, const char* szFile) {
+  quorvel::ClearError();
+  auto* task = static_cast<AVPACKET_FILELINK*>(lpTask);
+  // Once inputs have described streams of this output, or the worker writes
+  // to it, it can no longer be replaced.
+  if (task == nullptr || szFile == nullptr || task->bStarted || !task->pInputList.empty())
+    return Fail(ERROR_AVFORMAT_LINK_PARAMETER);
+
+  task->bOutputReady = false;
+  // The output is a local file: no interrupt, so that a Stop never cuts a write short.
+  quorvel::BridgeBuffer no_buffer;
+  quorvel::BridgeIO no_io;
+  switch (quorvel::OpenOutput(task->pOutputContext, no_buffer, no_io, szFile, nullptr, nullptr,
+                              AVIOInterruptCB{nullptr, nullptr})) {
+    case OpenResult::kOk: break;
+    case OpenResult::kNoFormat: return Fail(ERROR_AVFORMAT_LINK_OUTPUTFORMAT);
+    case OpenResult::kNoMemory:
+    case OpenResult::kOpenFailed: return Fail(ERROR_AVFORMAT_LINK_OPEN);
+  }
+  task->bOutputReady = true;
+  return true;
+}
+
+bool CAVFormat_Link::AVFormat_Link_Input(void* lpTask, const char* szFile, double dlStartTime, double dlEndTime,
+                                         int nVideoIndex, int nAudioIndex) {
+  quorvel::ClearError();
+  auto* task = static_cast<AVPACKET_FILELINK*>(lpTask);
+  // Streams are described into the output, so it must exist; and a running
+  // worker walks the list, so it is complete once started.
+  if (task == nullptr || szFile == nullptr || !task->bOutputReady || task->bStarted)
+    return Fail(ERROR_AVFORMAT_LINK_PARAMETER);
+
+  // Whatever this call opened is released when it fails.
+  AVPACKET_LINKINFO element;
+  if (quorvel::OpenUrlInput(element.pInputContext, szFile, quorvel::InterruptOn(task->bAbort)) != OpenResult::kOk)
+    return Fail(ERROR_AVFORMAT_LINK_OPEN);
+  AVFormatContext* input = element.pInputContext.get();
+  if (avformat_find_stream_info(input, nullptr) < 0) return Fail(ERROR_AVFORMAT_LINK_STREAMINFO);
+
+  // The caller's index is taken on meeting the first stream of the kind,
+  // whichever stream it names; -1 lets later streams of the kind through
+  // again, which then only matters for describing the output.
+  element.nVideoIndex = -1;
+  element.nAudioIndex = -1;
+  AVFormatContext* output = task->pOutputContext.get();
+  for (unsigned i = 0; i < input->nb_streams; ++i) {
+    const AVCodecParameters* parameters = input->streams[i]->codecpar;
+    if (parameters->codec_type == AVMEDIA_TYPE_VIDEO && element.nVideoIndex == -1) {
+      element.nVideoIndex = nVideoIndex;
+      if (!DescribeOutputStream(output, task->nVideoStream, parameters)) return false;
+    } else if (parameters->codec_type == AVMEDIA_TYPE_AUDIO && element.nAudioIndex == -1) {
+      element.nAudioIndex = nAudioIndex;
+      if (!DescribeOutputStream(output, task->nAudioStream, parameters)) return false;
+    }
+  }
+  element.dlStartTime = dlStartTime;
+  element.dlEndTime = dlEndTime;
+  task->pInputList.push_back(std::move(element));
+  return true;
+}

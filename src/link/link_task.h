@@ -1,0 +1,37 @@
+// The records behind a concatenation task handle.
+#pragma once
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "Quorvel_AVFormat.h"
+#include "frame/ffmpeg.h"
+
+// One input file, in joining order.
+struct AVPACKET_LINKINFO {
+  double dlStartTime = 0.0;  // seconds on the output timeline; 0 or less: no cut
+  double dlEndTime = 0.0;    // seconds on the output timeline; 0 or less: no cut
+  int nVideoIndex = 0;       // the input's stream copied as video; -1: none
+  int nAudioIndex = 0;       // the input's stream copied as audio; -1: none
+  quorvel::InputContext pInputContext;
+};
+
+struct AVPACKET_FILELINK {
+  std::thread pThread;
+  void* lpReserved = nullptr;  // first argument of every progress call; never set
+  std::atomic<bool> bRunning{false};
+  std::atomic<bool> bPause{false};
+  int nVideoStream = -1;  // the output's video stream, once an input has described it
+  int nAudioStream = -1;  // the output's audio stream, likewise
+  quorvel::OutputContext pOutputContext;
+  std::vector<AVPACKET_LINKINFO> pInputList;
+  void* lpCallbackContext = nullptr;
+  AVFORMAT_PROGRESS_CALLBACK fpProgress = nullptr;
+
+  // Set by Stop while the worker runs: aborts an input read that blocks (a network source).
+  std::atomic<bool> bAbort{false};
+  bool bOutputReady = false;    // Output succeeded
+  bool bStarted = false;        // Start has been called; the header was tried
+  bool bHeaderWritten = false;  // the trailer may only follow a written header
+};
