@@ -86,8 +86,7 @@ extern "C" {
  * @param seconds    the packet's time in seconds (see each family)
  * @param context    the caller context given to *_Init()
  *
- * The conversion and demultiplexing families accept a NULL callback (no calls
- * are made then); the others, when started, must be given one.
+ * May be NULL in every family: no calls are made then.
  */
 typedef void (*AVFORMAT_PROGRESS_CALLBACK)(void* reserved, int type, long long number, double seconds,
                                            void* context);
@@ -478,19 +477,24 @@ QUORVEL_AVFORMAT_API bool AVFormat_UNPack_GetAVCodec(void* task, int stream_inde
 /* ------------------------------------------------------------------------ */
 
 /**
- * Creates a multiplexing task. A task that is started must have a callback:
- * it is called once per packet read, with the media type of the input's mapped
- * stream, the input's packet number from 0 and the packet's output time.
+ * Creates a multiplexing task. The callback is called once per packet that the
+ * worker reads (also one before the start time), with the media type of the
+ * input's mapped stream, the input's packet number from 0 and the packet's
+ * time in seconds on its output stream; a NULL callback gets no calls.
  * @return the task handle, or NULL with ERROR_AVFORMAT_PACKET_MALLOC.
  */
 QUORVEL_AVFORMAT_API void* AVFormat_Packet_Init(AVFORMAT_PROGRESS_CALLBACK progress, void* context);
 
 /**
- * Creates the output. Call once, before any Input or StreamCreate.
+ * Creates the output. Call before any Input or StreamCreate; a later call
+ * replaces the output (and its streams) until a header has been written.
  * @param name  without @p write: the output file name; with @p write: the
  *              container format's short name
- * @param start, end  as for AVFormat_Convert_Output()
- * Errors: ERROR_AVFORMAT_PACKET_PARAMETER, ERROR_AVFORMAT_PACKET_OUTPUTFORMAT,
+ * @param start, end  as for AVFormat_Convert_Output(), on each packet's time on
+ *              its output stream; an end time hit exactly by a packet of any
+ *              input ends the whole run
+ * Errors: ERROR_AVFORMAT_PACKET_PARAMETER (null task or name, or a header was
+ *         already written or tried), ERROR_AVFORMAT_PACKET_OUTPUTFORMAT,
  *         ERROR_AVFORMAT_PACKET_OPEN, ERROR_AVFORMAT_PACKET_MALLOC.
  */
 QUORVEL_AVFORMAT_API bool AVFormat_Packet_Output(void* task, const char* name, double start, double end,
@@ -498,12 +502,17 @@ QUORVEL_AVFORMAT_API bool AVFormat_Packet_Output(void* task, const char* name, d
 
 /**
  * Adds an input file and one output stream per video and audio stream of it
- * (still pictures such as cover art are skipped). The worker carries the
- * packets of every stream of the input into the output stream of its last
- * mapped stream: give it files with one stream each.
+ * (still pictures, MJPEG and JPEG 2000 video such as cover art, are skipped).
+ * The worker carries the packets of every stream of the input into the output
+ * stream of its last mapped stream, timed in that stream's time base: give it
+ * files with one stream each. An input with no such stream is still added and
+ * feeds output stream 0. Output streams are numbered in creation order across
+ * Input and StreamCreate. A failed call releases what it opened; output
+ * streams it already made stay.
  * @param url, read  as for AVFormat_Convert_Input()
  * Errors: ERROR_AVFORMAT_PACKET_PARAMETER (null task, no output, nothing to
- *         open, or the streams could not be analysed), ERROR_AVFORMAT_PACKET_OPEN,
+ *         open, the streams could not be analysed, or a header was already
+ *         written or tried), ERROR_AVFORMAT_PACKET_OPEN,
  *         ERROR_AVFORMAT_PACKET_MALLOC, ERROR_AVFORMAT_PACKET_CODECPAR.
  */
 QUORVEL_AVFORMAT_API bool AVFormat_Packet_Input(void* task, const char* url, AVFORMAT_IO_FUNCTION read,
@@ -511,43 +520,68 @@ QUORVEL_AVFORMAT_API bool AVFormat_Packet_Input(void* task, const char* url, AVF
 
 /**
  * Writes the header and starts the worker, which takes one packet from each
- * input in turn and ends when the first input runs out.
- * Errors: ERROR_AVFORMAT_PACKET_PARAMETER, ERROR_AVFORMAT_PACKET_WRITEHEADER,
- *         ERROR_AVFORMAT_PACKET_THREAD.
+ * input in turn, in the order they were added, and ends when the first input
+ * runs out (so the other inputs are cut there). Packets without a
+ * presentation time get times from their input's packet number and frame
+ * rate. Times are rescaled to the output streams, never shifted. Call once.
+ * Errors: ERROR_AVFORMAT_PACKET_PARAMETER (null task, no output, no input,
+ *         already started, or StreamWrite has written the header),
+ *         ERROR_AVFORMAT_PACKET_WRITEHEADER, ERROR_AVFORMAT_PACKET_THREAD.
  */
 QUORVEL_AVFORMAT_API bool AVFormat_Packet_Start(void* task);
 
-/** Stores whether the worker still runs. Errors: ERROR_AVFORMAT_PACKET_PARAMETER, ERROR_AVFORMAT_PACKET_STATUS. */
+/**
+ * Stores whether the worker still runs: false before Start and once an input
+ * has run out or the end time was met; true while paused.
+ * Errors: ERROR_AVFORMAT_PACKET_PARAMETER, ERROR_AVFORMAT_PACKET_STATUS (null @p running).
+ */
 QUORVEL_AVFORMAT_API bool AVFormat_Packet_GetStatus(void* task, bool* running);
 
-/** Pauses (true) or resumes (false) the worker. Error: ERROR_AVFORMAT_PACKET_PARAMETER. */
+/**
+ * Pauses (true) or resumes (false) the worker; it takes effect between passes
+ * over the inputs. Start clears a pause set before it.
+ * Error: ERROR_AVFORMAT_PACKET_PARAMETER.
+ */
 QUORVEL_AVFORMAT_API bool AVFormat_Packet_Suspend(void* task, bool pause);
 
-/** Ends the task: joins the worker, writes the trailer, releases everything. Always true. */
+/**
+ * Ends the task at any stage, started or fed by the caller: stops and joins the
+ * worker, writes the trailer (on an output whose header was written), releases
+ * the inputs and the output and frees the task. Always true; NULL is accepted.
+ */
 QUORVEL_AVFORMAT_API bool AVFormat_Packet_Stop(void* task);
 
 /**
  * Adds an output stream made from @p codec_parameters (a const AVCodecParameters*,
  * for example from AVFormat_UNPack_GetAVCodec(); it is deep-copied). The stream's
  * index is its place in creation order among all of the task's output streams.
- * The last video stream created is the task's video stream (see StreamWrite).
- * Errors: ERROR_AVFORMAT_PACKET_PARAMETER, ERROR_AVFORMAT_PACKET_THREAD (the
- *         worker runs), ERROR_AVFORMAT_PACKET_CODECPAR.
+ * The last video stream created is the task's video stream (see StreamWrite);
+ * until one is created, stream 0 is.
+ * Errors: ERROR_AVFORMAT_PACKET_PARAMETER (null task or parameters, no output,
+ *         or a header was already written or tried), ERROR_AVFORMAT_PACKET_THREAD
+ *         (the worker runs), ERROR_AVFORMAT_PACKET_CODECPAR (the stream stays).
  */
 QUORVEL_AVFORMAT_API bool AVFormat_Packet_StreamCreate(void* task, void* codec_parameters);
 
 /**
  * Writes one packet into output stream @p stream_index; the first call writes
- * the header. Do not call Start on a task fed this way.
+ * the header, which is tried only once per task (after Start it is not written
+ * again). Do not call Start on a task fed this way.
  * @param data, size  one encoded packet; copied before the call returns
  * @param time_base   required: the time base of @p info's values. For the
  *                    task's video stream its den is taken as the frame rate:
- *                    the packet lasts 1/den seconds, whatever info->duration says.
- * @param info        may be NULL: the packet then has no time stamps
- * Errors: ERROR_AVFORMAT_PACKET_PARAMETER (null task or time base, no such
- *         stream), ERROR_AVFORMAT_PACKET_WRITEHEADER (first call only),
- *         ERROR_AVFORMAT_PACKET_WRITEFRAME (the muxer refused the packet, or the
- *         header could not be written).
+ *                    the packet lasts 1/den seconds in whole microseconds
+ *                    (1/25: 40000 us, 1/90000: 11 us), whatever info->duration says.
+ * @param info        may be NULL: the packet then has no time stamps and no
+ *                    duration, and the muxer decides whether it takes it.
+ *                    No key-frame flag is passed on.
+ * Errors: ERROR_AVFORMAT_PACKET_PARAMETER (null task or time base, no output,
+ *         negative size or NULL data, no such stream), ERROR_AVFORMAT_PACKET_THREAD
+ *         (the worker runs), ERROR_AVFORMAT_PACKET_WRITEHEADER (the header
+ *         failed, reported by the call that tried it), ERROR_AVFORMAT_PACKET_WRITEFRAME
+ *         (the muxer refused the packet, or the header failed earlier: no packet
+ *         then reaches the muxer), ERROR_AVFORMAT_PACKET_MALLOC. The task stays
+ *         usable after a failure.
  */
 QUORVEL_AVFORMAT_API bool AVFormat_Packet_StreamWrite(void* task, int stream_index, const unsigned char* data,
                                                       int size, AVCODEC_TIMEBASE* time_base,

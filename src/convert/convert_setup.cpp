@@ -29,7 +29,7 @@ bool CAVFormat_Convert::AVFormat_Convert_Output(void* lpTask, const char* szUrl,
 
   task->bOutputReady = false;
   switch (quorvel::OpenOutput(task->pOutputContext, task->pOutputBuffer, task->pOutputIO, szUrl, fpWrite,
-                              lpWriteContext, quorvel::InterruptOn(task->bAbort))) {
+                              lpWriteContext)) {
     case OpenResult::kOk: break;
     case OpenResult::kNoFormat: return Fail(ERROR_AVFORMAT_CONVERT_OUTPUTFORMAT);
     case OpenResult::kNoMemory: return Fail(ERROR_AVFORMAT_CONVERT_MALLOC);

@@ -82,7 +82,7 @@ OpenResult OpenBridgeInput(InputContext& input, BridgeBuffer& buffer, BridgeIO& 
 }
 
 OpenResult OpenOutput(OutputContext& output, BridgeBuffer& buffer, BridgeIO& io, const char* name,
-                      IOFunction write, void* opaque, AVIOInterruptCB interrupt) noexcept {
+                      IOFunction write, void* opaque) noexcept {
   AVFormatContext* context = nullptr;
   if (write != nullptr)
     avformat_alloc_output_context2(&context, nullptr, name, nullptr);
@@ -90,7 +90,6 @@ OpenResult OpenOutput(OutputContext& output, BridgeBuffer& buffer, BridgeIO& io,
     avformat_alloc_output_context2(&context, nullptr, nullptr, name);
   output.reset(context);
   if (context == nullptr) return OpenResult::kNoFormat;
-  context->interrupt_callback = interrupt;
 
   if (write != nullptr) {
     buffer = AllocBridgeBuffer();
@@ -102,7 +101,7 @@ OpenResult OpenOutput(OutputContext& output, BridgeBuffer& buffer, BridgeIO& io,
     return OpenResult::kOk;
   }
   if ((context->oformat->flags & AVFMT_NOFILE) != 0) return OpenResult::kOk;
-  if (avio_open2(&context->pb, name, AVIO_FLAG_WRITE, &context->interrupt_callback, nullptr) < 0)
+  if (avio_open(&context->pb, name, AVIO_FLAG_WRITE) < 0)
     return OpenResult::kOpenFailed;
   return OpenResult::kOk;
 }

@@ -53,7 +53,11 @@ OpenResult OpenBridgeInput(InputContext& input, BridgeBuffer& buffer, BridgeIO& 
 // none. With `write`, `name` is a format's short name and the output goes
 // through the bridge (`buffer`, then `io`), flagged AVFMT_FLAG_CUSTOM_IO.
 // Whatever was made stays in the holders, also on failure.
+//
+// Outputs get no interrupt callback: FFmpeg's I/O refuses every write once the
+// callback fires, so a Stop would cut the packet in flight and leave the
+// output unable to take its trailer. Only inputs are aborted.
 OpenResult OpenOutput(OutputContext& output, BridgeBuffer& buffer, BridgeIO& io, const char* name,
-                      IOFunction write, void* opaque, AVIOInterruptCB interrupt) noexcept;
+                      IOFunction write, void* opaque) noexcept;
 
 }  // namespace quorvel

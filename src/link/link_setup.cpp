@@ -51,8 +51,7 @@ bool CAVFormat_Link::AVFormat_Link_Output(void* lpTask, const char* szFile) {
   // The output is a local file: no interrupt, so that a Stop never cuts a write short.
   quorvel::BridgeBuffer no_buffer;
   quorvel::BridgeIO no_io;
-  switch (quorvel::OpenOutput(task->pOutputContext, no_buffer, no_io, szFile, nullptr, nullptr,
-                              AVIOInterruptCB{nullptr, nullptr})) {
+  switch (quorvel::OpenOutput(task->pOutputContext, no_buffer, no_io, szFile, nullptr, nullptr)) {
     case OpenResult::kOk: break;
     case OpenResult::kNoFormat: return Fail(ERROR_AVFORMAT_LINK_OUTPUTFORMAT);
     case OpenResult::kNoMemory:

@@ -50,15 +50,14 @@ namespace {
 // Makes output `index` from `record`, with its one stream described by input
 // stream `index` and its header written. On failure returns the code; what was
 // made stays in `info` for the caller to drop.
-uint64_t MakeOutput(AVPACKET_FILE_INFO& info, const AVCODEC_FORMATINFO& record, const AVStream* source,
-                    const std::atomic<bool>& abort) {
+uint64_t MakeOutput(AVPACKET_FILE_INFO& info, const AVCODEC_FORMATINFO& record, const AVStream* source) {
   std::memcpy(&info.FormatInfo, &record, sizeof record);
   // The name is read as a string that lives in the record's 264 bytes.
   info.FormatInfo.szName[sizeof info.FormatInfo.szName - 1] = '\0';
   const AVCODEC_FORMATINFO& format = info.FormatInfo;
 
   switch (quorvel::OpenOutput(info.pFormatContext, info.pIOBuffer, info.pIOContext, format.szName, format.pWriteFunc,
-                              format.pWriteContext, quorvel::InterruptOn(abort))) {
+                              format.pWriteContext)) {
     case OpenResult::kOk: break;
     case OpenResult::kNoFormat: return ERROR_AVFORMAT_PACKET_OUTPUTFORMAT;
     case OpenResult::kNoMemory: return ERROR_AVFORMAT_PACKET_MALLOC;
@@ -95,7 +94,7 @@ bool CAVFormat_UNPack::AVFormat_UNPack_Output(void* lpTask, AVCODEC_FORMATINFO**
     if (records[i] == nullptr) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
     // Only a finished output joins the list; a failed one is released here.
     AVPACKET_FILE_INFO info;
-    const uint64_t failure = MakeOutput(info, *records[i], input->streams[i], task->bAbort);
+    const uint64_t failure = MakeOutput(info, *records[i], input->streams[i]);
     if (failure != 0) return Fail(failure);
     task->pInfoList.push_back(std::move(info));
   }

@@ -1,0 +1,120 @@
+// Multiplexing set-up: Init, Output, Input.
+#include <new>
+#include <utility>
+
+#include "frame/error.h"
+#include "packet/packet.h"
+#include "packet/packet_task.h"
+
+using quorvel::Fail;
+using quorvel::OpenResult;
+
+namespace {
+
+bool FailOpen(OpenResult result) {
+  switch (result) {
+    case OpenResult::kOk: return true;
+    case OpenResult::kNoMemory: return Fail(ERROR_AVFORMAT_PACKET_MALLOC);
+    case OpenResult::kOpenFailed: return Fail(ERROR_AVFORMAT_PACKET_OPEN);
+    case OpenResult::kNoFormat: return Fail(ERROR_AVFORMAT_PACKET_OUTPUTFORMAT);
+  }
+  return Fail(ERROR_AVFORMAT_PACKET_OPEN);
+}
+
+// Still pictures such as cover art are not carried over.
+bool IsStillPicture(const AVCodecParameters* parameters) {
+  return parameters->codec_type == AVMEDIA_TYPE_VIDEO &&
+         (parameters->codec_id == AV_CODEC_ID_MJPEG || parameters->codec_id == AV_CODEC_ID_JPEG2000);
+}
+
+}  // namespace
+
+void* CAVFormat_Packet::AVFormat_Packet_Init(AVFORMAT_PROGRESS_CALLBACK fpProgress, void* lpCallbackContext) {
+  quorvel::ClearError();
+  auto* task = new (std::nothrow) AVPACKET_FILE_PACKET;
+  if (task == nullptr) {
+    Fail(ERROR_AVFORMAT_PACKET_MALLOC);
+    return nullptr;
+  }
+  task->lpCallbackContext = lpCallbackContext;
+  task->fpProgress = fpProgress;
+  return task;
+}
+
+bool CAVFormat_Packet::AVFormat_Packet_Output(void* lpTask, const char* szName, double dlStartTime, double dlEndTime,
+                                              AVFORMAT_IO_FUNCTION fpWrite, void* lpWriteContext) {
+  quorvel::ClearError();
+  auto* task = static_cast<AVPACKET_FILE_PACKET*>(lpTask);
+  // Once a header has been tried, the output is the muxer's: it is not replaced.
+  if (task == nullptr || szName == nullptr || task->HeaderTried()) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
+
+  task->bOutputReady = false;
+  const OpenResult opened = quorvel::OpenOutput(task->pOutputContext, task->pOutputBuffer, task->pOutputIO, szName,
+                                                fpWrite, lpWriteContext);
+  if (opened != OpenResult::kOk) return FailOpen(opened);
+  // Neither value nor order is checked: 0 or less switches either bound off.
+  task->dlStartTime = dlStartTime;
+  task->dlEndTime = dlEndTime;
+  task->bOutputReady = true;
+  return true;
+}
+
+bool CAVFormat_Packet::AVFormat_Packet_Input(void* lpTask, const char* szUrl, AVFORMAT_IO_FUNCTION fpRead,
+                                             void* lpReadContext) {
+  quorvel::ClearError();
+  auto* task = static_cast<AVPACKET_FILE_PACKET*>(lpTask);
+  // The output streams are made here, so the output must exist and its header
+  // must not be written yet; and there must be something to open.
+  if (task == nullptr || !task->bOutputReady || task->HeaderTried() || (szUrl == nullptr && fpRead == nullptr))
+    return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
+
+  // Built here and appended only on success; on failure its holders release
+  // whatever was opened.
+  AVPACKET_FILE_AVINFO element;
+  const AVIOInterruptCB interrupt = quorvel::InterruptOn(task->bAbort);
+  // With both a url and a read function, the url is opened first (its failure
+  // ends the call) and then replaced by the bridged input.
+  if (szUrl != nullptr) {
+    const OpenResult opened = quorvel::OpenUrlInput(element.pInputContext, szUrl, interrupt);
+    if (opened != OpenResult::kOk) return FailOpen(opened);
+  }
+  if (fpRead != nullptr) {
+    const OpenResult opened = quorvel::OpenBridgeInput(element.pInputContext, element.pInputBuffer, element.pInputIO,
+                                                       fpRead, lpReadContext, interrupt);
+    if (opened != OpenResult::kOk) return FailOpen(opened);
+  }
+
+  AVFormatContext* input = element.pInputContext.get();
+  // This family has no code of its own for it.
+  if (avformat_find_stream_info(input, nullptr) < 0) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
+
+  AVFormatContext* output = task->pOutputContext.get();
+  for (unsigned i = 0; i < input->nb_streams; ++i) {
+    const AVStream* source = input->streams[i];
+    const AVCodecParameters* parameters = source->codecpar;
+    if (parameters->codec_type != AVMEDIA_TYPE_VIDEO && parameters->codec_type != AVMEDIA_TYPE_AUDIO) continue;
+    if (IsStillPicture(parameters)) continue;
+
+    AVStream* stream = avformat_new_stream(output, nullptr);
+    if (stream == nullptr || avcodec_parameters_copy(stream->codecpar, parameters) < 0)
+      return Fail(ERROR_AVFORMAT_PACKET_CODECPAR);  // streams already made stay in the output
+    // Recorded from the stream mapped before this one (stream 0 at first), as
+    // the record has always done; nothing reads these fields.
+    const AVRational previous = input->streams[element.nInputStream]->time_base;
+    if (parameters->codec_type == AVMEDIA_TYPE_VIDEO) {
+      task->bHasVideo = true;
+      task->stVideoTimeBase = previous;
+    } else {
+      task->bHasAudio = true;
+      element.stTimeBase = previous;
+    }
+    // The output container chooses its own tag.
+    stream->codecpar->codec_tag = 0;
+    // Each mapping replaces the previous one: the last mapped stream carries the input.
+    element.nInputStream = static_cast<int>(i);
+    element.nOutputStream = stream->index;
+    element.nMediaType = parameters->codec_type;
+  }
+  task->pInputList.push_back(std::move(element));
+  return true;
+}

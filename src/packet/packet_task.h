@@ -1,0 +1,53 @@
+// The record behind a multiplexing task handle, and its list of inputs.
+#pragma once
+
+#include <atomic>
+#include <list>
+#include <thread>
+
+#include "Quorvel_AVFormat.h"
+#include "frame/io.h"
+
+// One input file and the one stream mapping that the worker uses for all of
+// its packets.
+struct AVPACKET_FILE_AVINFO {
+  int nMediaType = 0;           // media type of the last mapped stream, for the progress callback
+  int nOutputStream = 0;        // output stream of the last mapped stream
+  int nInputStream = 0;         // the last mapped stream
+  int nPacketCount = 0;         // packets of this input handled by the worker
+  AVRational stTimeBase{0, 0};  // recorded for a non-video mapping, never read
+  // Declared in this order so that the context is closed before its bridge goes.
+  quorvel::BridgeIO pInputIO;
+  quorvel::InputContext pInputContext;
+  quorvel::BridgeBuffer pInputBuffer;
+};
+
+struct AVPACKET_FILE_PACKET {
+  std::thread pThread;
+  std::atomic<bool> bRunning{false};
+  std::atomic<bool> bPause{false};
+  bool bHasAudio = false;            // recorded, never read
+  bool bHasVideo = false;            // recorded, never read
+  bool bHeaderWritten = false;       // StreamWrite has tried the header (set before trying)
+  int nVideoStream = 0;              // last video stream made by StreamCreate: the duration rule's stream
+  int nAudioStream = 0;              // last other stream made by StreamCreate; never read
+  void* lpReserved = nullptr;        // first argument of every progress call; never set
+  double dlStartTime = 0.0;          // seconds; 0 or less: from the beginning
+  double dlEndTime = 0.0;            // seconds; 0 or less: to the end
+  AVRational stVideoTimeBase{0, 0};  // recorded for a video mapping, never read
+  quorvel::BridgeBuffer pOutputBuffer;
+  quorvel::BridgeIO pOutputIO;
+  quorvel::OutputContext pOutputContext;
+  std::list<AVPACKET_FILE_AVINFO> pInputList;  // one element per successful Input, in call order
+  void* lpCallbackContext = nullptr;
+  AVFORMAT_PROGRESS_CALLBACK fpProgress = nullptr;
+
+  // Set by Stop while a worker runs: aborts FFmpeg I/O that blocks (a network read).
+  std::atomic<bool> bAbort{false};
+  bool bOutputReady = false;  // Output succeeded
+  bool bStarted = false;      // Start has tried the header
+  bool bHeaderOk = false;     // a header was written: packets and the trailer may follow
+
+  // The header is tried once per task, by whichever comes first.
+  bool HeaderTried() const noexcept { return bStarted || bHeaderWritten; }
+};
