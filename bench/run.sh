@@ -6,6 +6,7 @@
 #   bench/run.sh                 full run: ~800 MB and 1.2-million-packet fixtures
 #   bench/run.sh --smoke         tiny fixtures, one round: checks that the harness works
 #   bench/run.sh --runs 7        measured rounds (default 5; the median is reported)
+#   bench/run.sh --only 'scale|cut'  only the jobs whose name matches (an extended regex)
 #   bench/run.sh --instructions  exact instruction counts (valgrind's callgrind) of the
 #                                bare loops and the library on 90,000-packet files
 #
@@ -26,11 +27,13 @@ set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 mode=full
 runs=5
+only=
 while [ $# -gt 0 ]; do
   case "$1" in
     --smoke | --quick) mode=smoke; runs=1 ;;
     --instructions) mode=instructions; runs=1 ;;
     --runs) runs=$2; shift ;;
+    --only) only=$2; shift ;;
     -h | --help) sed -n '2,22p' "$0"; exit 0 ;;
     *) echo "unknown argument: $1" >&2; exit 2 ;;
   esac
@@ -145,6 +148,7 @@ ids=() jobs=() kinds=() labels=() commands=() stdouts=()
 add() {
   local job=$1 kind=$2 label=$3 stdout=""
   shift 3
+  [ -z "$only" ] || [[ $job =~ ^($only)$ ]] || return 0
   if [ "$1" = -o ]; then stdout=$2; shift 2; fi
   shift  # --
   ids+=("$job.${#ids[@]}")
