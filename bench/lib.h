@@ -1,0 +1,57 @@
+/*
+ * What the library contenders share. They use only the public header, as an
+ * application would: a progress callback that counts packets (it runs once
+ * per packet on the worker thread, so its cost is part of every measurement),
+ * and a wait for a worker to finish by polling its status.
+ *
+ * Exit status 3 means the family's Init returned no task: the family is not
+ * available in this build, and the harness reports the contender as n/a.
+ */
+#ifndef QUORVEL_BENCH_LIB_H
+#define QUORVEL_BENCH_LIB_H
+
+#include <Quorvel_AVFormat.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <time.h>
+
+enum { kNotAvailable = 3 };
+
+struct progress {
+  long long packets;
+  double last_seconds;
+};
+
+static inline void count_packet(void* reserved, int type, long long number, double seconds, void* context) {
+  struct progress* progress = (struct progress*)context;
+  (void)reserved;
+  (void)type;
+  (void)number;
+  ++progress->packets;
+  progress->last_seconds = seconds;
+}
+
+static inline void* require_task(void* task, const char* family) {
+  if (task == NULL) {
+    fprintf(stderr, "%s: no task (0x%llX): family not available\n", family,
+            (unsigned long long)AVFormat_GetLastError(NULL));
+    exit(kNotAvailable);
+  }
+  return task;
+}
+
+static inline void check(bool ok, const char* what) {
+  if (!ok) {
+    fprintf(stderr, "%s failed: error 0x%llX\n", what, (unsigned long long)AVFormat_GetLastError(NULL));
+    exit(1);
+  }
+}
+
+/* Polls often enough that the end of a job is seen within two milliseconds. */
+static inline void wait_until_done(bool (*get_status)(void*, bool*), void* task) {
+  const struct timespec pause = {0, 2 * 1000 * 1000};
+  bool running = true;
+  while (get_status(task, &running) && running) nanosleep(&pause, NULL);
+}
+
+#endif
