@@ -4,32 +4,24 @@
 #include "convert/convert.h"
 #include "convert/convert_task.h"
 #include "frame/error.h"
+#include "frame/task.h"
 
 using quorvel::Fail;
 using quorvel::OpenResult;
 
 void* CAVFormat_Convert::AVFormat_Convert_Init(AVFORMAT_PROGRESS_CALLBACK fpProgress, void* lpCallbackContext) {
-  quorvel::ClearError();
-  auto* task = new (std::nothrow) AVPACKET_FILE_CONVERT;
-  if (task == nullptr) {
-    Fail(ERROR_AVFORMAT_CONVERT_MALLOC);
-    return nullptr;
-  }
-  task->lpCallbackContext = lpCallbackContext;
-  task->fpProgress = fpProgress;
-  return task;
+  return quorvel::NewTask<AVPACKET_FILE_CONVERT>(fpProgress, lpCallbackContext, ERROR_AVFORMAT_CONVERT_MALLOC);
 }
 
-bool CAVFormat_Convert::AVFormat_Convert_Output(void* lpTask, const char* szUrl, double dlStartTime,
-                                                double dlEndTime, AVFORMAT_IO_FUNCTION fpWrite,
-                                                void* lpWriteContext) {
+bool CAVFormat_Convert::AVFormat_Convert_Output(void* lpTask, const char* szUrl, double dlStartTime, double dlEndTime,
+                                                AVFORMAT_IO_FUNCTION fpWrite, void* lpWriteContext) {
   quorvel::ClearError();
   auto* task = static_cast<AVPACKET_FILE_CONVERT*>(lpTask);
   if (task == nullptr || task->bStarted) return Fail(ERROR_AVFORMAT_CONVERT_PARAMETER);
 
   task->bOutputReady = false;
-  switch (quorvel::OpenOutput(task->pOutputContext, task->pOutputBuffer, task->pOutputIO, szUrl, fpWrite,
-                              lpWriteContext)) {
+  switch (
+      quorvel::OpenOutput(task->pOutputContext, task->pOutputBuffer, task->pOutputIO, szUrl, fpWrite, lpWriteContext)) {
     case OpenResult::kOk: break;
     case OpenResult::kNoFormat: return Fail(ERROR_AVFORMAT_CONVERT_OUTPUTFORMAT);
     case OpenResult::kNoMemory: return Fail(ERROR_AVFORMAT_CONVERT_MALLOC);
@@ -60,8 +52,8 @@ bool CAVFormat_Convert::AVFormat_Convert_Input(void* lpTask, const char* szUrl, 
     if (opened != OpenResult::kOk) return Fail(ERROR_AVFORMAT_CONVERT_OPEN);
   }
   if (fpRead != nullptr) {
-    const OpenResult opened = quorvel::OpenBridgeInput(task->pInputContext, task->pInputBuffer, task->pInputIO,
-                                                       fpRead, lpReadContext, interrupt);
+    const OpenResult opened = quorvel::OpenBridgeInput(task->pInputContext, task->pInputBuffer, task->pInputIO, fpRead,
+                                                       lpReadContext, interrupt);
     if (opened == OpenResult::kNoMemory) return Fail(ERROR_AVFORMAT_CONVERT_MALLOC);
     if (opened != OpenResult::kOk) return Fail(ERROR_AVFORMAT_CONVERT_OPEN);
   }

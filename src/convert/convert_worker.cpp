@@ -5,6 +5,7 @@
 #include "convert/convert.h"
 #include "convert/convert_task.h"
 #include "frame/error.h"
+#include "frame/task.h"
 #include "frame/worker.h"
 
 using quorvel::Fail;
@@ -16,14 +17,12 @@ bool CAVFormat_Convert::AVFormat_Convert_Start(void* lpTask) {
   if (task == nullptr || task->bStarted || !task->bOutputReady || !task->bInputReady)
     return Fail(ERROR_AVFORMAT_CONVERT_PARAMETER);
 
-  if (avformat_write_header(task->pOutputContext.get(), nullptr) < 0)
-    return Fail(ERROR_AVFORMAT_CONVERT_WRITEHEADER);
+  if (avformat_write_header(task->pOutputContext.get(), nullptr) < 0) return Fail(ERROR_AVFORMAT_CONVERT_WRITEHEADER);
   task->bHeaderWritten = true;
   task->bStarted = true;
 
   task->bRunning = true;
-  if (!quorvel::StartWorker(task->pThread, AVFormat_Convert_Thread, task))
-    return Fail(ERROR_AVFORMAT_CONVERT_THREAD);
+  if (!quorvel::StartWorker(task->pThread, AVFormat_Convert_Thread, task)) return Fail(ERROR_AVFORMAT_CONVERT_THREAD);
   return true;
 }
 
@@ -83,20 +82,12 @@ int CAVFormat_Convert::AVFormat_Convert_Thread(void* lpTask) {
 }
 
 bool CAVFormat_Convert::AVFormat_Convert_Suspend(void* lpTask, bool bPause) {
-  quorvel::ClearError();
-  auto* task = static_cast<AVPACKET_FILE_CONVERT*>(lpTask);
-  if (task == nullptr) return Fail(ERROR_AVFORMAT_CONVERT_PARAMETER);
-  task->bPause = bPause;
-  return true;
+  return quorvel::SetPause<AVPACKET_FILE_CONVERT>(lpTask, bPause, ERROR_AVFORMAT_CONVERT_PARAMETER);
 }
 
 bool CAVFormat_Convert::AVFormat_Convert_GetStatus(void* lpTask, bool* pbRunning) {
-  quorvel::ClearError();
-  auto* task = static_cast<AVPACKET_FILE_CONVERT*>(lpTask);
-  if (task == nullptr) return Fail(ERROR_AVFORMAT_CONVERT_PARAMETER);
-  if (pbRunning == nullptr) return Fail(ERROR_AVFORMAT_CONVERT_STATUS);
-  *pbRunning = task->bRunning;
-  return true;
+  return quorvel::ReportRunning<AVPACKET_FILE_CONVERT>(lpTask, pbRunning, ERROR_AVFORMAT_CONVERT_PARAMETER,
+                                                       ERROR_AVFORMAT_CONVERT_STATUS);
 }
 
 bool CAVFormat_Convert::AVFormat_Convert_Seek(void* lpTask, long long llSeconds) {

@@ -17,7 +17,9 @@ QUORVEL_AVFORMAT_API uint64_t AVForamt_dwErrorCode = 0;
 
 namespace quorvel {
 
-void ClearError() noexcept { __atomic_store_n(&AVForamt_IsErrorOccur, false, __ATOMIC_RELAXED); }
+void ClearError() noexcept {
+  __atomic_store_n(&AVForamt_IsErrorOccur, false, __ATOMIC_RELAXED);
+}
 
 bool Fail(uint64_t code) noexcept {
   __atomic_store_n(&AVForamt_IsErrorOccur, true, __ATOMIC_RELAXED);

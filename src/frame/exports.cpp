@@ -40,8 +40,7 @@ QUORVEL_AVFORMAT_API bool AVFormat_Convert_Output(void* task, const char* url, d
   return Guarded(kConvert, false,
                  [&] { return m_FileConvert.AVFormat_Convert_Output(task, url, start, end, write, opaque); });
 }
-QUORVEL_AVFORMAT_API bool AVFormat_Convert_Input(void* task, const char* url, AVFORMAT_IO_FUNCTION read,
-                                                 void* opaque) {
+QUORVEL_AVFORMAT_API bool AVFormat_Convert_Input(void* task, const char* url, AVFORMAT_IO_FUNCTION read, void* opaque) {
   return Guarded(kConvert, false, [&] { return m_FileConvert.AVFormat_Convert_Input(task, url, read, opaque); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Convert_Start(void* task) {
@@ -53,7 +52,9 @@ QUORVEL_AVFORMAT_API bool AVFormat_Convert_Suspend(void* task, bool pause) {
 QUORVEL_AVFORMAT_API bool AVFormat_Convert_GetStatus(void* task, bool* running) {
   return Guarded(kConvert, false, [&] { return m_FileConvert.AVFormat_Convert_GetStatus(task, running); });
 }
-QUORVEL_AVFORMAT_API bool AVFormat_Convert_Stop(void* task) { return m_FileConvert.AVFormat_Convert_Stop(task); }
+QUORVEL_AVFORMAT_API bool AVFormat_Convert_Stop(void* task) {
+  return m_FileConvert.AVFormat_Convert_Stop(task);
+}
 QUORVEL_AVFORMAT_API bool AVFormat_Convert_Seek(void* task, long long seconds) {
   return Guarded(kConvert, false, [&] { return m_FileConvert.AVFormat_Convert_Seek(task, seconds); });
 }
@@ -68,8 +69,7 @@ QUORVEL_AVFORMAT_API bool AVFormat_Packet_Output(void* task, const char* name, d
   return Guarded(kPacket, false,
                  [&] { return m_FilePacket.AVFormat_Packet_Output(task, name, start, end, write, opaque); });
 }
-QUORVEL_AVFORMAT_API bool AVFormat_Packet_Input(void* task, const char* url, AVFORMAT_IO_FUNCTION read,
-                                                void* opaque) {
+QUORVEL_AVFORMAT_API bool AVFormat_Packet_Input(void* task, const char* url, AVFORMAT_IO_FUNCTION read, void* opaque) {
   return Guarded(kPacket, false, [&] { return m_FilePacket.AVFormat_Packet_Input(task, url, read, opaque); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Packet_Start(void* task) {
@@ -81,14 +81,14 @@ QUORVEL_AVFORMAT_API bool AVFormat_Packet_GetStatus(void* task, bool* running) {
 QUORVEL_AVFORMAT_API bool AVFormat_Packet_Suspend(void* task, bool pause) {
   return Guarded(kPacket, false, [&] { return m_FilePacket.AVFormat_Packet_Suspend(task, pause); });
 }
-QUORVEL_AVFORMAT_API bool AVFormat_Packet_Stop(void* task) { return m_FilePacket.AVFormat_Packet_Stop(task); }
-QUORVEL_AVFORMAT_API bool AVFormat_Packet_StreamCreate(void* task, void* codec_parameters) {
-  return Guarded(kPacket, false,
-                 [&] { return m_FilePacket.AVFormat_Packet_StreamCreate(task, codec_parameters); });
+QUORVEL_AVFORMAT_API bool AVFormat_Packet_Stop(void* task) {
+  return m_FilePacket.AVFormat_Packet_Stop(task);
 }
-QUORVEL_AVFORMAT_API bool AVFormat_Packet_StreamWrite(void* task, int stream_index, const unsigned char* data,
-                                                      int size, AVCODEC_TIMEBASE* time_base,
-                                                      AVCODEC_PACKETINFO* info) {
+QUORVEL_AVFORMAT_API bool AVFormat_Packet_StreamCreate(void* task, void* codec_parameters) {
+  return Guarded(kPacket, false, [&] { return m_FilePacket.AVFormat_Packet_StreamCreate(task, codec_parameters); });
+}
+QUORVEL_AVFORMAT_API bool AVFormat_Packet_StreamWrite(void* task, int stream_index, const unsigned char* data, int size,
+                                                      AVCODEC_TIMEBASE* time_base, AVCODEC_PACKETINFO* info) {
   return Guarded(kPacket, false, [&] {
     return m_FilePacket.AVFormat_Packet_StreamWrite(task, stream_index, data, size, time_base, info);
   });
@@ -99,8 +99,7 @@ QUORVEL_AVFORMAT_API bool AVFormat_Packet_StreamWrite(void* task, int stream_ind
 QUORVEL_AVFORMAT_API void* AVFormat_UNPack_Init(AVFORMAT_PROGRESS_CALLBACK progress, void* context) {
   return Guarded(kPacket, kNoTask, [&] { return m_FileUNPack.AVFormat_UNPack_Init(progress, context); });
 }
-QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Input(void* task, const char* url, AVFORMAT_IO_FUNCTION read,
-                                                void* opaque) {
+QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Input(void* task, const char* url, AVFORMAT_IO_FUNCTION read, void* opaque) {
   return Guarded(kPacket, false, [&] { return m_FileUNPack.AVFormat_UNPack_Input(task, url, read, opaque); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Output(void* task, AVCODEC_FORMATINFO*** infos, int count) {
@@ -111,9 +110,8 @@ QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Start(void* task) {
 }
 QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Read(void* task, int* stream_index, unsigned char* data, int* size,
                                                AVCODEC_PACKETINFO* info, AVCODEC_TIMEBASE* time_base) {
-  return Guarded(kPacket, false, [&] {
-    return m_FileUNPack.AVFormat_UNPack_Read(task, stream_index, data, size, info, time_base);
-  });
+  return Guarded(kPacket, false,
+                 [&] { return m_FileUNPack.AVFormat_UNPack_Read(task, stream_index, data, size, info, time_base); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_UNPack_GetStatus(void* task, bool* running) {
   return Guarded(kPacket, false, [&] { return m_FileUNPack.AVFormat_UNPack_GetStatus(task, running); });
@@ -124,7 +122,9 @@ QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Suspend(void* task, bool pause) {
 QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Seek(void* task, int stream_index, unsigned long long timestamp) {
   return Guarded(kPacket, false, [&] { return m_FileUNPack.AVFormat_UNPack_Seek(task, stream_index, timestamp); });
 }
-QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Stop(void* task) { return m_FileUNPack.AVFormat_UNPack_Stop(task); }
+QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Stop(void* task) {
+  return m_FileUNPack.AVFormat_UNPack_Stop(task);
+}
 QUORVEL_AVFORMAT_API bool AVFormat_UNPack_GetAVCodec(void* task, int stream_index, void** codec_parameters,
                                                      AVCODEC_TIMEBASE* time_base) {
   return Guarded(kPacket, false, [&] {
@@ -142,8 +142,7 @@ QUORVEL_AVFORMAT_API bool AVFormat_Link_Output(void* task, const char* file) {
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Link_Input(void* task, const char* file, double start, double end, int video,
                                               int audio) {
-  return Guarded(kLink, false,
-                 [&] { return m_FileLink.AVFormat_Link_Input(task, file, start, end, video, audio); });
+  return Guarded(kLink, false, [&] { return m_FileLink.AVFormat_Link_Input(task, file, start, end, video, audio); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Link_Start(void* task) {
   return Guarded(kLink, false, [&] { return m_FileLink.AVFormat_Link_Start(task); });
@@ -154,6 +153,8 @@ QUORVEL_AVFORMAT_API bool AVFormat_Link_GetStatus(void* task, bool* running) {
 QUORVEL_AVFORMAT_API bool AVFormat_Link_Suspend(void* task, bool pause) {
   return Guarded(kLink, false, [&] { return m_FileLink.AVFormat_Link_Suspend(task, pause); });
 }
-QUORVEL_AVFORMAT_API bool AVFormat_Link_Stop(void* task) { return m_FileLink.AVFormat_Link_Stop(task); }
+QUORVEL_AVFORMAT_API bool AVFormat_Link_Stop(void* task) {
+  return m_FileLink.AVFormat_Link_Stop(task);
+}
 
 }  // extern "C"

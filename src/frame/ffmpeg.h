@@ -64,6 +64,8 @@ using InputContext = std::unique_ptr<AVFormatContext, InputContextClose>;
 using OutputContext = std::unique_ptr<AVFormatContext, OutputContextFree>;
 using Packet = std::unique_ptr<AVPacket, PacketFree>;
 
-inline Packet MakePacket() noexcept { return Packet(av_packet_alloc()); }
+inline Packet MakePacket() noexcept {
+  return Packet(av_packet_alloc());
+}
 
 }  // namespace quorvel

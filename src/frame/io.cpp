@@ -22,7 +22,9 @@ int WriteToCaller(void* opaque, AVIOWriteBuffer buffer, int size) {
   return endpoint->function(endpoint->context, const_cast<unsigned char*>(buffer), size);
 }
 
-int AbortWhenSet(void* flag) { return static_cast<const std::atomic<bool>*>(flag)->load() ? 1 : 0; }
+int AbortWhenSet(void* flag) {
+  return static_cast<const std::atomic<bool>*>(flag)->load() ? 1 : 0;
+}
 
 BridgeBuffer AllocBridgeBuffer() noexcept {
   return BridgeBuffer(static_cast<uint8_t*>(av_malloc(kBridgeBufferSize)));
@@ -64,8 +66,8 @@ OpenResult OpenUrlInput(InputContext& input, const char* url, AVIOInterruptCB in
   return result < 0 ? OpenResult::kOpenFailed : OpenResult::kOk;
 }
 
-OpenResult OpenBridgeInput(InputContext& input, BridgeBuffer& buffer, BridgeIO& io, IOFunction read,
-                           void* opaque, AVIOInterruptCB interrupt) noexcept {
+OpenResult OpenBridgeInput(InputContext& input, BridgeBuffer& buffer, BridgeIO& io, IOFunction read, void* opaque,
+                           AVIOInterruptCB interrupt) noexcept {
   input.reset(avformat_alloc_context());
   buffer = AllocBridgeBuffer();
   if (!input || !buffer) return OpenResult::kNoMemory;
@@ -81,8 +83,8 @@ OpenResult OpenBridgeInput(InputContext& input, BridgeBuffer& buffer, BridgeIO& 
   return result < 0 ? OpenResult::kOpenFailed : OpenResult::kOk;
 }
 
-OpenResult OpenOutput(OutputContext& output, BridgeBuffer& buffer, BridgeIO& io, const char* name,
-                      IOFunction write, void* opaque) noexcept {
+OpenResult OpenOutput(OutputContext& output, BridgeBuffer& buffer, BridgeIO& io, const char* name, IOFunction write,
+                      void* opaque) noexcept {
   AVFormatContext* context = nullptr;
   if (write != nullptr)
     avformat_alloc_output_context2(&context, nullptr, name, nullptr);
@@ -101,8 +103,7 @@ OpenResult OpenOutput(OutputContext& output, BridgeBuffer& buffer, BridgeIO& io,
     return OpenResult::kOk;
   }
   if ((context->oformat->flags & AVFMT_NOFILE) != 0) return OpenResult::kOk;
-  if (avio_open(&context->pb, name, AVIO_FLAG_WRITE) < 0)
-    return OpenResult::kOpenFailed;
+  if (avio_open(&context->pb, name, AVIO_FLAG_WRITE) < 0) return OpenResult::kOpenFailed;
   return OpenResult::kOk;
 }
 

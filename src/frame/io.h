@@ -45,8 +45,8 @@ OpenResult OpenUrlInput(InputContext& input, const char* url, AVIOInterruptCB in
 // Opens the input through the bridge: a fresh context in `input` (releasing
 // what it held), a buffer in `buffer` that `io` then owns, and `read` called
 // with `opaque`.
-OpenResult OpenBridgeInput(InputContext& input, BridgeBuffer& buffer, BridgeIO& io, IOFunction read,
-                           void* opaque, AVIOInterruptCB interrupt) noexcept;
+OpenResult OpenBridgeInput(InputContext& input, BridgeBuffer& buffer, BridgeIO& io, IOFunction read, void* opaque,
+                           AVIOInterruptCB interrupt) noexcept;
 
 // Creates the output context. Without `write`, `name` is a file name or URL
 // that decides the container, and the file is opened unless the format needs
@@ -57,7 +57,7 @@ OpenResult OpenBridgeInput(InputContext& input, BridgeBuffer& buffer, BridgeIO& 
 // Outputs get no interrupt callback: FFmpeg's I/O refuses every write once the
 // callback fires, so a Stop would cut the packet in flight and leave the
 // output unable to take its trailer. Only inputs are aborted.
-OpenResult OpenOutput(OutputContext& output, BridgeBuffer& buffer, BridgeIO& io, const char* name,
-                      IOFunction write, void* opaque) noexcept;
+OpenResult OpenOutput(OutputContext& output, BridgeBuffer& buffer, BridgeIO& io, const char* name, IOFunction write,
+                      void* opaque) noexcept;
 
 }  // namespace quorvel

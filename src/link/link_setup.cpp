@@ -4,6 +4,7 @@
 
 #include "frame/error.h"
 #include "frame/io.h"
+#include "frame/task.h"
 #include "link/link.h"
 #include "link/link_task.h"
 
@@ -28,15 +29,7 @@ bool DescribeOutputStream(AVFormatContext* output, int& output_index, const AVCo
 }  // namespace
 
 void* CAVFormat_Link::AVFormat_Link_Init(AVFORMAT_PROGRESS_CALLBACK fpProgress, void* lpCallbackContext) {
-  quorvel::ClearError();
-  auto* task = new (std::nothrow) AVPACKET_FILELINK;
-  if (task == nullptr) {
-    Fail(ERROR_AVFORMAT_LINK_MALLOC);
-    return nullptr;
-  }
-  task->lpCallbackContext = lpCallbackContext;
-  task->fpProgress = fpProgress;
-  return task;
+  return quorvel::NewTask<AVPACKET_FILELINK>(fpProgress, lpCallbackContext, ERROR_AVFORMAT_LINK_MALLOC);
 }
 
 bool CAVFormat_Link::AVFormat_Link_Output(void* lpTask, const char* szFile) {

@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "frame/error.h"
+#include "frame/task.h"
 #include "frame/worker.h"
 #include "link/link.h"
 #include "link/link_task.h"
@@ -137,22 +138,14 @@ int CAVFormat_Link::AVFormat_Link_Thread(void* lpTask) {
 }
 
 bool CAVFormat_Link::AVFormat_Link_Suspend(void* lpTask, bool bPause) {
-  quorvel::ClearError();
-  auto* task = static_cast<AVPACKET_FILELINK*>(lpTask);
   // The multiplexing range's code, as callers of this family expect.
-  if (task == nullptr) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
-  task->bPause = bPause;
-  return true;
+  return quorvel::SetPause<AVPACKET_FILELINK>(lpTask, bPause, ERROR_AVFORMAT_PACKET_PARAMETER);
 }
 
 bool CAVFormat_Link::AVFormat_Link_GetStatus(void* lpTask, bool* pbRunning) {
-  quorvel::ClearError();
-  auto* task = static_cast<AVPACKET_FILELINK*>(lpTask);
   // The multiplexing range's codes, as callers of this family expect.
-  if (task == nullptr) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
-  if (pbRunning == nullptr) return Fail(ERROR_AVFORMAT_PACKET_STATUS);
-  *pbRunning = task->bRunning;
-  return true;
+  return quorvel::ReportRunning<AVPACKET_FILELINK>(lpTask, pbRunning, ERROR_AVFORMAT_PACKET_PARAMETER,
+                                                   ERROR_AVFORMAT_PACKET_STATUS);
 }
 
 bool CAVFormat_Link::AVFormat_Link_Stop(void* lpTask) noexcept {

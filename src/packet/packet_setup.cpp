@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "frame/error.h"
+#include "frame/task.h"
 #include "packet/packet.h"
 #include "packet/packet_task.h"
 
@@ -30,15 +31,7 @@ bool IsStillPicture(const AVCodecParameters* parameters) {
 }  // namespace
 
 void* CAVFormat_Packet::AVFormat_Packet_Init(AVFORMAT_PROGRESS_CALLBACK fpProgress, void* lpCallbackContext) {
-  quorvel::ClearError();
-  auto* task = new (std::nothrow) AVPACKET_FILE_PACKET;
-  if (task == nullptr) {
-    Fail(ERROR_AVFORMAT_PACKET_MALLOC);
-    return nullptr;
-  }
-  task->lpCallbackContext = lpCallbackContext;
-  task->fpProgress = fpProgress;
-  return task;
+  return quorvel::NewTask<AVPACKET_FILE_PACKET>(fpProgress, lpCallbackContext, ERROR_AVFORMAT_PACKET_MALLOC);
 }
 
 bool CAVFormat_Packet::AVFormat_Packet_Output(void* lpTask, const char* szName, double dlStartTime, double dlEndTime,
@@ -49,8 +42,8 @@ bool CAVFormat_Packet::AVFormat_Packet_Output(void* lpTask, const char* szName, 
   if (task == nullptr || szName == nullptr || task->HeaderTried()) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
 
   task->bOutputReady = false;
-  const OpenResult opened = quorvel::OpenOutput(task->pOutputContext, task->pOutputBuffer, task->pOutputIO, szName,
-                                                fpWrite, lpWriteContext);
+  const OpenResult opened =
+      quorvel::OpenOutput(task->pOutputContext, task->pOutputBuffer, task->pOutputIO, szName, fpWrite, lpWriteContext);
   if (opened != OpenResult::kOk) return FailOpen(opened);
   // Neither value nor order is checked: 0 or less switches either bound off.
   task->dlStartTime = dlStartTime;

@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "frame/error.h"
+#include "frame/task.h"
 #include "frame/worker.h"
 #include "packet/packet.h"
 #include "packet/packet_task.h"
@@ -99,20 +100,12 @@ int CAVFormat_Packet::AVFormat_Packet_Thread(void* lpTask) {
 }
 
 bool CAVFormat_Packet::AVFormat_Packet_Suspend(void* lpTask, bool bPause) {
-  quorvel::ClearError();
-  auto* task = static_cast<AVPACKET_FILE_PACKET*>(lpTask);
-  if (task == nullptr) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
-  task->bPause = bPause;
-  return true;
+  return quorvel::SetPause<AVPACKET_FILE_PACKET>(lpTask, bPause, ERROR_AVFORMAT_PACKET_PARAMETER);
 }
 
 bool CAVFormat_Packet::AVFormat_Packet_GetStatus(void* lpTask, bool* pbRunning) {
-  quorvel::ClearError();
-  auto* task = static_cast<AVPACKET_FILE_PACKET*>(lpTask);
-  if (task == nullptr) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
-  if (pbRunning == nullptr) return Fail(ERROR_AVFORMAT_PACKET_STATUS);
-  *pbRunning = task->bRunning;
-  return true;
+  return quorvel::ReportRunning<AVPACKET_FILE_PACKET>(lpTask, pbRunning, ERROR_AVFORMAT_PACKET_PARAMETER,
+                                                      ERROR_AVFORMAT_PACKET_STATUS);
 }
 
 bool CAVFormat_Packet::AVFormat_Packet_Stop(void* lpTask) noexcept {

@@ -3,6 +3,7 @@
 #include <new>
 
 #include "frame/error.h"
+#include "frame/task.h"
 #include "unpack/unpack.h"
 #include "unpack/unpack_task.h"
 
@@ -10,15 +11,7 @@ using quorvel::Fail;
 using quorvel::OpenResult;
 
 void* CAVFormat_UNPack::AVFormat_UNPack_Init(AVFORMAT_PROGRESS_CALLBACK fpProgress, void* lpCallbackContext) {
-  quorvel::ClearError();
-  auto* task = new (std::nothrow) AVPACKET_FILE_UNPACK;
-  if (task == nullptr) {
-    Fail(ERROR_AVFORMAT_PACKET_MALLOC);
-    return nullptr;
-  }
-  task->lpCallbackContext = lpCallbackContext;
-  task->fpProgress = fpProgress;
-  return task;
+  return quorvel::NewTask<AVPACKET_FILE_UNPACK>(fpProgress, lpCallbackContext, ERROR_AVFORMAT_PACKET_MALLOC);
 }
 
 bool CAVFormat_UNPack::AVFormat_UNPack_Input(void* lpTask, const char* szUrl, AVFORMAT_IO_FUNCTION fpRead,

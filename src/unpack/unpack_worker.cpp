@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "frame/error.h"
+#include "frame/task.h"
 #include "frame/worker.h"
 #include "unpack/unpack.h"
 #include "unpack/unpack_task.h"
@@ -81,20 +82,12 @@ int CAVFormat_UNPack::AVFormat_UNPack_Thread(void* lpTask) {
 }
 
 bool CAVFormat_UNPack::AVFormat_UNPack_Suspend(void* lpTask, bool bPause) {
-  quorvel::ClearError();
-  auto* task = static_cast<AVPACKET_FILE_UNPACK*>(lpTask);
-  if (task == nullptr) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
-  task->bPause = bPause;
-  return true;
+  return quorvel::SetPause<AVPACKET_FILE_UNPACK>(lpTask, bPause, ERROR_AVFORMAT_PACKET_PARAMETER);
 }
 
 bool CAVFormat_UNPack::AVFormat_UNPack_GetStatus(void* lpTask, bool* pbRunning) {
-  quorvel::ClearError();
-  auto* task = static_cast<AVPACKET_FILE_UNPACK*>(lpTask);
-  if (task == nullptr) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
-  if (pbRunning == nullptr) return Fail(ERROR_AVFORMAT_PACKET_STATUS);
-  *pbRunning = task->bRunning;
-  return true;
+  return quorvel::ReportRunning<AVPACKET_FILE_UNPACK>(lpTask, pbRunning, ERROR_AVFORMAT_PACKET_PARAMETER,
+                                                      ERROR_AVFORMAT_PACKET_STATUS);
 }
 
 bool CAVFormat_UNPack::AVFormat_UNPack_Seek(void* lpTask, int nStreamIndex, unsigned long long ullTimestamp) {
