@@ -66,9 +66,12 @@ bool CAVFormat_Packet::AVFormat_Packet_StreamWrite(void* lpTask, int nStreamInde
   // A muxer whose header failed takes no packet.
   if (!task->bHeaderOk) return Fail(ERROR_AVFORMAT_PACKET_WRITEFRAME);
 
-  quorvel::Packet owned = quorvel::MakePacket();
-  AVPacket* packet = owned.get();
+  // One packet for all writes of the task, blank again after each (the muxer
+  // takes what it keeps): allocating one per call costs more than the rest.
+  if (!task->pWritePacket) task->pWritePacket = quorvel::MakePacket();
+  AVPacket* packet = task->pWritePacket.get();
   if (packet == nullptr) return Fail(ERROR_AVFORMAT_PACKET_MALLOC);
+  av_packet_unref(packet);
   const AVStream* stream = output->streams[nStreamIndex];
   const AVRational source{pTimeBase->num, pTimeBase->den};
 

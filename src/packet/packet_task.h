@@ -47,6 +47,7 @@ struct AVPACKET_FILE_PACKET {
   bool bOutputReady = false;  // Output succeeded
   bool bStarted = false;      // Start has tried the header
   bool bHeaderOk = false;     // a header was written: packets and the trailer may follow
+  quorvel::Packet pWritePacket;  // reused by every StreamWrite
 
   // The header is tried once per task, by whichever comes first.
   bool HeaderTried() const noexcept { return bStarted || bHeaderWritten; }

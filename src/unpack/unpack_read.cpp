@@ -2,6 +2,7 @@
 // codec parameters of a stream (GetAVCodec).
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "frame/error.h"
 #include "unpack/unpack.h"
@@ -19,18 +20,23 @@ bool CAVFormat_UNPack::AVFormat_UNPack_Read(void* lpTask, int* pnStreamIndex, un
   if (!task->bInputReady || pnStreamIndex == nullptr || pData == nullptr || pnSize == nullptr)
     return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
 
-  quorvel::Packet packet = quorvel::MakePacket();
-  if (!packet) return Fail(ERROR_AVFORMAT_PACKET_MALLOC);
+  // One packet for all Reads of the task: allocating one per call costs more
+  // than the rest of a small packet's trip.
+  if (!task->pReadPacket) task->pReadPacket = quorvel::MakePacket();
+  AVPacket* packet = task->pReadPacket.get();
+  if (packet == nullptr) return Fail(ERROR_AVFORMAT_PACKET_MALLOC);
   AVFormatContext* input = task->pFormatContext.get();
   std::lock_guard<std::mutex> lock(task->mtxInput);
-  if (av_read_frame(input, packet.get()) < 0) return Fail(ERROR_AVFORMAT_PACKET_READ);
+  if (av_read_frame(input, packet) < 0) return Fail(ERROR_AVFORMAT_PACKET_READ);
+  // Released when the copies below are made, whichever way the call returns.
+  const std::unique_ptr<AVPacket, decltype(&av_packet_unref)> release(packet, av_packet_unref);
 
   *pnStreamIndex = packet->stream_index;
   *pnSize = packet->size;
   // The caller's buffer must hold the largest packet: the interface carries no size for it.
   if (packet->size > 0) std::memcpy(pData, packet->data, static_cast<size_t>(packet->size));
   if (pTimeBase != nullptr) {
-    const AVRational time_base = quorvel::PacketTimeBase(packet.get(), input);
+    const AVRational time_base = quorvel::PacketTimeBase(packet, input);
     pTimeBase->num = time_base.num;
     pTimeBase->den = time_base.den;
   }

@@ -34,6 +34,7 @@ struct AVPACKET_FILE_UNPACK {
   std::atomic<bool> bAbort{false};
   bool bInputReady = false;  // Input succeeded: the input is open and its streams known
   bool bStarted = false;     // Start has been called with success
+  quorvel::Packet pReadPacket;  // reused by every Read
   // Read, Seek and GetAVCodec run on the caller's thread against the input the worker reads.
   std::mutex mtxInput;
 };
