@@ -1,7 +1,9 @@
 // Multiplexing of caller-fed packets: the fuzz data is a run of packets
 // (stream index, time base, times and bytes), each handed to StreamWrite for
-// a NUT output with one video and one audio stream, written through the
-// caller write function.
+// a Matroska output with one video and one audio stream, written through the
+// caller write function. (Not NUT: its muxer asserts, and aborts the
+// process, on a packet whose decoding time overflows when it is rescaled to
+// another stream's time base; that is FFmpeg's, with times near 2^63.)
 #include <cstring>
 
 extern "C" {
@@ -54,7 +56,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   qfuzz::Quiet();
   void* task = AVFormat_Packet_Init(nullptr, nullptr);
   if (task == nullptr) return 0;
-  if (AVFormat_Packet_Output(task, "nut", 0.0, 0.0, qfuzz::Discard, nullptr) && CreateStreams(task)) {
+  if (AVFormat_Packet_Output(task, "matroska", 0.0, 0.0, qfuzz::Discard, nullptr) && CreateStreams(task)) {
     Cursor cursor{data, size};
     while (cursor.size > 0) {
       const auto flags = cursor.Take<uint8_t>();
