@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Builds the fuzz targets (clang, libFuzzer, AddressSanitizer with
 # LeakSanitizer, UndefinedBehaviorSanitizer) and runs each one for a while,
-# starting from the seed corpus and the kept regression inputs.
+# starting from the starting corpus and the kept regression inputs.
 #
 #   scripts/fuzz.sh          15 seconds per target: CI's smoke run
 #   scripts/fuzz.sh 900      a quarter of an hour per target

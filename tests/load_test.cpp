@@ -64,8 +64,8 @@ struct Tally {
 
 // Sets up and starts its jobs, acts on them at random until all are stopped,
 // then reads their outputs back.
-void Drive(std::vector<Job*> jobs, unsigned seed, Tally& tally) {
-  std::mt19937 dice(seed);
+void Drive(std::vector<Job*> jobs, unsigned start, Tally& tally) {
+  std::mt19937 dice(start);
   for (Job* job : jobs) {
     EXPECT_TRUE(job->task.SetUp(job->source, job->sink)) << Name(job->task.family);
     EXPECT_TRUE(job->task.Start()) << Name(job->task.family);
@@ -107,11 +107,11 @@ void Drive(std::vector<Job*> jobs, unsigned seed, Tally& tally) {
 }
 
 TEST(Load, ManyTasksOfEveryFamilyPausedResumedAndStoppedAtRandom) {
-  unsigned seed = std::random_device{}();
-  if (const char* fixed = std::getenv("QUORVEL_LOAD_SEED"))
-    seed = static_cast<unsigned>(std::strtoul(fixed, nullptr, 10));
-  std::cout << "seed " << seed << " (set QUORVEL_LOAD_SEED to repeat this run)\n";
-  std::mt19937 dice(seed);
+  unsigned start = std::random_device{}();
+  if (const char* fixed = std::getenv("QUORVEL_LOAD_DICE"))
+    start = static_cast<unsigned>(std::strtoul(fixed, nullptr, 10));
+  std::cout << "dice " << start << " (set QUORVEL_LOAD_DICE to repeat this run)\n";
+  std::mt19937 dice(start);
 
   std::vector<std::unique_ptr<Job>> jobs;
   for (int i = 0; i < kTasks; ++i) jobs.push_back(std::make_unique<Job>(kFamilies[i % std::size(kFamilies)], i, dice));

@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# Remakes the fuzz targets' seed corpus (tests/fuzz/corpus/) with the ffmpeg
+# Remakes the fuzz targets' starting corpus (tests/fuzz/corpus/) with the ffmpeg
 # tool: a fraction of a second of tiny video and audio in the containers the
 # test fixtures use, each a few kilobytes.
 set -euo pipefail
