@@ -97,8 +97,15 @@ void Drive(std::vector<Job*> jobs, unsigned start, Tally& tally) {
     }
     // Every packet reported is in an output that ffprobe reads, trailer and all.
     if (job->log.Count() == 0) {
-      // An empty container is not readable in every format; its header and trailer are there.
-      EXPECT_GT(job->sink.writer != nullptr ? job->writer.data.size() : ReadFile(job->sink.name).size(), 0u);
+      // An empty container is not readable in every format; its header and
+      // trailer are there, except in MPEG-TS, which writes its tables with
+      // the first packet and so stays empty without one.
+      const std::string& name = job->sink.name;
+      const bool tables_with_first_packet =
+          name == "mpegts" || (name.size() > 3 && name.compare(name.size() - 3, 3, ".ts") == 0);
+      if (!tables_with_first_packet) {
+        EXPECT_GT(job->sink.writer != nullptr ? job->writer.data.size() : ReadFile(job->sink.name).size(), 0u);
+      }
       continue;
     }
     EXPECT_EQ(ProbeOutput(job->sink).size(), job->log.Count());
