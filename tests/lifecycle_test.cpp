@@ -18,13 +18,13 @@ using namespace std::chrono_literals;
 // The made-up packets make the decoders that probe them complain.
 const int kQuiet = (av_log_set_level(AV_LOG_FATAL), 0);
 
-// 20 video packets 1/25 s apart, each larger than a file's write buffer, so
+// 10 video packets 1/25 s apart, each larger than a file's write buffer, so
 // that writing one goes to the disk at once.
 std::string LargePackets() {
   static const std::string path = [] {
     SyntheticStream video;
-    video.count = 20;
-    video.size = 40000;
+    video.count = 10;
+    video.size = 100000;
     WriteSynthetic(TempPath("large.nut"), "nut", {video});
     return TempPath("large.nut");
   }();
@@ -79,7 +79,7 @@ TEST(LifecycleStop, EveryFamilyAtEveryStage) {
           AVCODEC_PACKETINFO info{100 + i, 100 + i, 1};
           EXPECT_TRUE(AVFormat_Packet_StreamWrite(task.handle(), 0, data, sizeof data, &time_base, &info));
         }
-        size_t reported = c.stage == Stage::kEnded ? 20 * sources.size() : 0;
+        size_t reported = c.stage == Stage::kEnded ? 10 * sources.size() : 0;
         if (c.stage == Stage::kHeld || c.stage == Stage::kPaused) {
           const bool paused = c.stage == Stage::kPaused;
           if (paused) std::this_thread::sleep_for(300ms);
