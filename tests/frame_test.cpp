@@ -8,7 +8,7 @@
 #include <tuple>
 
 #include "Quorvel_AVFormat.h"
-#include "frame/worker.h"
+#include "core/worker.h"
 #include "support/caller.h"
 #include "support/fixtures.h"
 

@@ -3,8 +3,8 @@
 
 #include "convert/convert.h"
 #include "convert/convert_task.h"
-#include "frame/error.h"
-#include "frame/task.h"
+#include "core/error.h"
+#include "core/task.h"
 
 using quorvel::Fail;
 using quorvel::OpenResult;

@@ -4,9 +4,9 @@
 
 #include "convert/convert.h"
 #include "convert/convert_task.h"
-#include "frame/error.h"
-#include "frame/task.h"
-#include "frame/worker.h"
+#include "core/error.h"
+#include "core/task.h"
+#include "core/worker.h"
 
 using quorvel::Fail;
 

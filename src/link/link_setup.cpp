@@ -2,9 +2,9 @@
 #include <new>
 #include <utility>
 
-#include "frame/error.h"
-#include "frame/io.h"
-#include "frame/task.h"
+#include "core/error.h"
+#include "core/io.h"
+#include "core/task.h"
 #include "link/link.h"
 #include "link/link_task.h"
 

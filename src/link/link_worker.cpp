@@ -2,9 +2,9 @@
 // GetStatus and Stop.
 #include <thread>
 
-#include "frame/error.h"
-#include "frame/task.h"
-#include "frame/worker.h"
+#include "core/error.h"
+#include "core/task.h"
+#include "core/worker.h"
 #include "link/link.h"
 #include "link/link_task.h"
 

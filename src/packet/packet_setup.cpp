@@ -2,8 +2,8 @@
 #include <new>
 #include <utility>
 
-#include "frame/error.h"
-#include "frame/task.h"
+#include "core/error.h"
+#include "core/task.h"
 #include "packet/packet.h"
 #include "packet/packet_task.h"
 

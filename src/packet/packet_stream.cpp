@@ -2,7 +2,7 @@
 // parameters, StreamWrite writes one packet of the caller's into it.
 #include <cmath>
 
-#include "frame/error.h"
+#include "core/error.h"
 #include "packet/packet.h"
 #include "packet/packet_task.h"
 

@@ -2,8 +2,8 @@
 #include <cstring>
 #include <new>
 
-#include "frame/error.h"
-#include "frame/task.h"
+#include "core/error.h"
+#include "core/task.h"
 #include "unpack/unpack.h"
 #include "unpack/unpack_task.h"
 

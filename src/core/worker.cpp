@@ -1,4 +1,4 @@
-#include "frame/worker.h"
+#include "core/worker.h"
 
 #include <cmath>
 #include <system_error>

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <thread>
 
-#include "frame/ffmpeg.h"
+#include "core/ffmpeg.h"
 
 namespace quorvel {
 

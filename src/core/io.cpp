@@ -1,4 +1,4 @@
-#include "frame/io.h"
+#include "core/io.h"
 
 namespace quorvel {
 namespace {

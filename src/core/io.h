@@ -11,7 +11,7 @@
 #include <memory>
 
 #include "Quorvel_AVFormat.h"
-#include "frame/ffmpeg.h"
+#include "core/ffmpeg.h"
 
 namespace quorvel {
 
