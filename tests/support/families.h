@@ -1,9 +1,10 @@
 // One task of any of the four families, driven through that family's own
-// calls in its own order, so that a test can run the same case against
-// every family: where its input comes from, where its output goes, Start,
-// pause, status, Stop.
+// calls in its own order, so that one case runs against every family: set-up
+// as far as a stage, Start, pause, status, a worker held inside a progress
+// call, Stop.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <string>
@@ -15,56 +16,87 @@
 namespace qtest {
 
 enum class Family { kConvert, kUnpack, kPacket, kLink };
+inline constexpr Family kFamilies[] = {Family::kConvert, Family::kUnpack, Family::kPacket, Family::kLink};
 const char* Name(Family family);
 
-// Where a task reads: a file name or URL, or (all but concatenation) a caller read function.
+// A family's codes: a null handle in the set-up calls and Start, and in
+// Suspend and GetStatus (concatenation borrows multiplexing's there); no place
+// for the status; an input or output that can't be opened; no container by an
+// output's name; and the later set-up failures a broken input may cause.
+struct Codes {
+  uint64_t parameter, control, status, open, format, streaminfo, codecpar, header;
+};
+const Codes& CodesOf(Family family);
+
+// Where a task reads: a file name or URL, or (all but concatenation) a caller
+// read function. Concatenation also takes a cut and two stream indexes per input.
 struct Source {
   std::string url;
   MemoryReader* reader = nullptr;
+  double start = 0, end = 0;
+  int video = 0, audio = 1;
 };
 
-// Where a task writes: a file name, or with a writer a format's short name.
-// A demultiplexing task writes one output, holding input stream 0.
+// Where a task writes: a file name, or with a writer a format's short name;
+// the cut (not concatenation's); the input stream it holds (demultiplexing).
 struct Sink {
   std::string name;
   MemoryWriter* writer = nullptr;
+  double start = 0, end = 0;
+  int stream = 0;
 };
+
+// How far Reach takes a task. "First" and "second" are the family's set-up
+// calls in its order: Output then Input, but Input then Output for
+// demultiplexing. A failed stage makes that call with a name that can't be
+// opened. kHeld leaves the worker inside progress call `hold_at`; kPaused lets
+// that call return into a pause.
+enum class Stage { kNull, kInit, kFirstFailed, kFirst, kSecondFailed, kSetUp, kHeld, kPaused, kEnded };
 
 class AnyTask {
  public:
-  // Every progress call is recorded in `log`; a `delay` makes the worker
-  // spend that long in each call, as a slow caller would.
-  AnyTask(Family family, ProgressLog& log, std::chrono::microseconds delay = {});
+  // A `delay` makes every progress call take that long, as a slow caller's would.
+  explicit AnyTask(Family family, std::chrono::microseconds delay = {});
   ~AnyTask() { Stop(); }
   AnyTask(const AnyTask&) = delete;
   AnyTask& operator=(const AnyTask&) = delete;
 
-  // Output and input in the family's order. False at the first refused call,
-  // whose code is then in `code`.
-  bool SetUp(const Source& source, const Sink& sink);
+  // False when a call did not do what the stage asks; the code of a refused call is in `code`.
+  bool Reach(Stage stage, const std::vector<Source>& sources, const std::vector<Sink>& sinks);
+  // Conversion and demultiplexing use the first source, the others every one;
+  // demultiplexing uses every sink, the others the first.
+  bool Input(const std::vector<Source>& sources);
+  bool Output(const std::vector<Sink>& sinks);
   bool Start();
   bool Suspend(bool pause);
+  bool Status(bool* running);  // GetStatus as it is
   bool Running();
-  // Waits until the worker has ended by itself.
   bool WaitForEnd(std::chrono::milliseconds timeout = std::chrono::seconds(60));
-  // Stops the task at once (a paused concatenation task is resumed first, as
-  // its Stop requires). Returns Stop's result; true when already stopped.
+  // Stop, after letting a held worker go and resuming a concatenation task
+  // (whose Stop waits for a paused worker). Also with a null handle.
   bool Stop();
-  bool Stopped() const { return handle_ == nullptr; }
+  // Stop, called on another thread while the worker is held or paused; after
+  // `after`, the task is resumed and the held call let go. Returns whether Stop
+  // had returned by then.
+  bool StopFromAnotherThread(std::chrono::milliseconds after);
+  void* handle() const { return handle_; }
 
-  Family family;
-  uint64_t code = 0;  // of the last refused call
+  const Family family;
+  ProgressLog log;
+  uint64_t code = 0;      // of the last refused call
+  long long hold_at = 0;  // the progress call, counted from 0, that kHeld and kPaused hold
+  std::atomic<bool> held{false}, released{false};
 
  private:
   bool Check(bool ok);
   static void Progress(void* reserved, int type, long long number, double seconds, void* context);
-  ProgressLog& log_;
+  std::atomic<bool> armed_{false};  // by Reach, for kHeld and kPaused
   std::chrono::microseconds delay_;
   void* handle_;
 };
 
-// The output's packets as ffprobe sees them; a writer's bytes are put in a
-// file first. Empty when ffprobe rejects the output.
+// An output's bytes, and its packets as ffprobe sees them (empty when ffprobe rejects it).
+std::vector<uint8_t> Bytes(const Sink& sink);
 std::vector<ProbePacket> ProbeOutput(const Sink& sink);
 
 }  // namespace qtest

@@ -15,14 +15,10 @@ class SilentServer {
  public:
   explicit SilentServer(std::vector<uint8_t> bytes);
   ~SilentServer();
-  // "tcp://127.0.0.1:<port>"
-  std::string Url() const;
+  std::string Url() const { return "tcp://127.0.0.1:" + std::to_string(port_); }
 
  private:
-  void Serve();
-  std::vector<uint8_t> bytes_;
-  int listener_ = -1;
-  int port_ = 0;
+  int listener_ = -1, port_ = 0;
   std::atomic<bool> done_{false};
   std::thread thread_;
 };

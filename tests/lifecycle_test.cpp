@@ -1,0 +1,194 @@
+// What every family does alike, each case run against all four through
+// qtest::AnyTask: Stop at every stage, names that can't be used, and the
+// error state.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <thread>
+
+#include "support/families.h"
+
+namespace {
+
+using namespace qtest;
+using namespace std::chrono_literals;
+
+// The made-up packets make the decoders that probe them complain.
+const int kQuiet = (av_log_set_level(AV_LOG_FATAL), 0);
+
+// 20 video packets 1/25 s apart, each larger than a file's write buffer, so
+// that writing one goes to the disk at once.
+std::string LargePackets() {
+  static const std::string path = [] {
+    SyntheticStream video;
+    video.count = 20;
+    video.size = 40000;
+    WriteSynthetic(TempPath("large.nut"), "nut", {video});
+    return TempPath("large.nut");
+  }();
+  return path;
+}
+
+int Occurrences(const std::vector<uint8_t>& bytes, const std::string& text) {
+  const std::vector<uint8_t> magic(text.begin(), text.end());
+  int count = 0;
+  for (auto at = bytes.begin(); (at = std::search(at, bytes.end(), magic.begin(), magic.end())) != bytes.end(); ++at)
+    ++count;
+  return count;
+}
+
+// Stop releases a task at every stage and clears the flag. An output gets a
+// header once one is due (at Start; demultiplexing's at Output; multiplexing's
+// also at the first packet fed) and from Stop its trailer: a QuickTime file
+// is unreadable without it, and a bridged Matroska output loses its last
+// cluster. A Stop that comes during a progress call waits for the worker,
+// whose packet is written all the same (the abort must not cut a file write
+// short). A paused task stops at once, a concatenation task only once resumed,
+// after carrying the packet it holds; its later inputs end at their first read.
+TEST(LifecycleStop, EveryFamilyAtEveryStage) {
+  struct Case {
+    Stage stage;
+    bool fed = false;  // multiplexing: 5 packets by StreamWrite before Stop
+  };
+  const Case cases[] = {{Stage::kInit},         {Stage::kFirstFailed}, {Stage::kFirst},  {Stage::kSecondFailed},
+                        {Stage::kSetUp},        {Stage::kSetUp, true}, {Stage::kHeld},   {Stage::kPaused},
+                        {Stage::kEnded},        {Stage::kEnded, true}};
+  for (const Family family : kFamilies)
+    for (const Case& c : cases)
+      for (const bool bridged : {false, true}) {
+        if ((bridged && family == Family::kLink) || (c.fed && family != Family::kPacket)) continue;
+        SCOPED_TRACE(testing::Message() << Name(family) << " at stage " << static_cast<int>(c.stage)
+                                        << (c.fed ? ", fed" : "") << (bridged ? ", bridged" : ""));
+        MemoryWriter writer;
+        const Sink sink = bridged ? Sink{"matroska", &writer}
+                                  : Sink{TempPath(std::string("stop-") + Name(family) +
+                                                  std::to_string(static_cast<int>(c.stage)) + ".mov")};
+        const std::vector<Source> sources(family == Family::kLink ? 2 : 1, Source{LargePackets()});
+        AnyTask task(family);
+        task.hold_at = 5;
+        // A pause asked for before Start holds a conversion only: the other families' Start clears it.
+        ASSERT_TRUE(c.stage != Stage::kEnded ? task.Reach(c.stage, sources, {sink})
+                                             : task.Reach(Stage::kSetUp, sources, {sink}) &&
+                                                   (family == Family::kConvert || task.Suspend(true)) &&
+                                                   task.Start() && task.WaitForEnd());
+        const uint8_t data[8] = {};
+        AVCODEC_TIMEBASE time_base{1, 25};
+        for (int64_t i = 0; c.fed && i < 5; ++i) {
+          AVCODEC_PACKETINFO info{100 + i, 100 + i, 1};
+          EXPECT_TRUE(AVFormat_Packet_StreamWrite(task.handle(), 0, data, sizeof data, &time_base, &info));
+        }
+        size_t reported = c.stage == Stage::kEnded ? 20 * sources.size() : 0;
+        if (c.stage == Stage::kHeld || c.stage == Stage::kPaused) {
+          const bool paused = c.stage == Stage::kPaused;
+          if (paused) std::this_thread::sleep_for(300ms);
+          EXPECT_TRUE(task.Running());
+          EXPECT_EQ(task.log.Count(), 6u) << "a paused worker moves no packet";
+          EXPECT_EQ(task.StopFromAnotherThread(paused ? 300ms : 100ms), paused && family != Family::kLink);
+          reported = paused && family == Family::kLink ? 7 : 6;
+        } else {
+          EXPECT_TRUE(task.Stop());
+        }
+        EXPECT_FALSE(AVForamt_IsErrorOccur);
+        EXPECT_EQ(task.log.Count(), reported);
+        const std::vector<uint8_t> bytes = Bytes(sink);
+        if (c.stage < Stage::kSetUp || (c.stage == Stage::kSetUp && !c.fed && family != Family::kUnpack)) {
+          EXPECT_TRUE(bytes.empty()) << "neither header nor trailer";
+          continue;
+        }
+        EXPECT_EQ(Occurrences(bytes, bridged ? "\x1A\x45\xDF\xA3" : "ftyp"), 1) << "one header";
+        EXPECT_EQ(ProbeOutput(sink).size(), reported + (c.fed ? 5 : 0));
+      }
+}
+
+// Inputs that can't be opened and outputs that can't be made, each with the
+// family's code. Concatenation takes no caller I/O: a writer's format name is
+// a file name without extension there.
+TEST(LifecycleNames, MissingInputsAndUnusableOutputsGiveTheFamilysCode) {
+  const std::string clip = VideoAudioClip("mkv"), output = TempPath("names.mkv");
+  const std::string directory = TempPath("a-directory.mkv"), locked = TempPath("locked.mkv");
+  mkdir(directory.c_str(), 0755);
+  WriteFile(locked, ReadFile(clip));
+  chmod(locked.c_str(), 0);
+  MemoryWriter writer;
+  MemoryReader nothing({}), garbage(std::vector<uint8_t>(4096, 0x5a));
+  struct Case {
+    const char* name;
+    Source source;
+    Sink sink;
+    uint64_t Codes::*code;
+    bool caller_io = false;
+  };
+  const Case cases[] = {
+      {"missing input file", {TempPath("missing.mkv")}, {output}, &Codes::open},
+      {"a directory as input", {directory}, {output}, &Codes::open},
+      {"an input without read permission", {locked}, {output}, &Codes::open},
+      {"a read function that delivers nothing", {"", &nothing}, {output}, &Codes::open, true},
+      {"a read function that delivers no known format", {"", &garbage}, {output}, &Codes::open, true},
+      {"an output name with an unknown extension", {clip}, {TempPath("out.nosuchcontainer")}, &Codes::format},
+      {"an unknown format name for a write function", {clip}, {"nosuchformat", &writer}, &Codes::format},
+      {"a file name for a write function", {clip}, {output, &writer}, &Codes::format, true},
+      {"an output in a missing directory", {clip}, {"/nonexistent/dir/x.mkv"}, &Codes::open},
+      {"a directory as output", {clip}, {directory}, &Codes::open},
+  };
+  for (const Case& c : cases)
+    for (const Family family : kFamilies) {
+      // Root reads a file of mode 000: there that case proves nothing.
+      if ((c.caller_io && family == Family::kLink) || (c.source.url == locked && geteuid() == 0)) continue;
+      SCOPED_TRACE(std::string(Name(family)) + ": " + c.name);
+      AnyTask task(family);
+      EXPECT_FALSE(task.Reach(Stage::kSetUp, {c.source}, {c.sink}));
+      EXPECT_EQ(task.code, CodesOf(family).*c.code) << std::hex << task.code;
+    }
+}
+
+// A null handle fails every call with its family's code; a call that
+// succeeds clears the flag and keeps the code; Stop accepts a null handle,
+// clears the flag and never sets it.
+TEST(ErrorState, NullHandlesGiveEachFamilysCodeAndSuccessKeepsIt) {
+  const auto after = [](bool) { return LastError(); };
+  bool running;
+  for (const Family family : kFamilies) {
+    SCOPED_TRACE(Name(family));
+    const Codes& codes = CodesOf(family);
+    AnyTask task(family);
+    EXPECT_EQ(after(task.Status(nullptr)), (ErrorState{true, codes.status})) << "no place for the status";
+    ASSERT_TRUE(task.Reach(Stage::kNull, {}, {}));
+    const ErrorState got[] = {after(task.Output({{TempPath("null.mkv")}})), after(task.Input({{LargePackets()}})),
+                              after(task.Start()), after(task.Suspend(true)), after(task.Status(&running))};
+    const uint64_t want[] = {codes.parameter, codes.parameter, codes.parameter, codes.control, codes.control};
+    for (size_t i = 0; i < std::size(want); ++i) EXPECT_EQ(got[i], (ErrorState{true, want[i]})) << "call " << i;
+    EXPECT_TRUE(task.Stop());
+    EXPECT_EQ(LastError(), (ErrorState{false, codes.control}));
+    EXPECT_FALSE(task.Start());
+    AnyTask fresh(family);
+    EXPECT_EQ(LastError(), (ErrorState{false, codes.parameter})) << "Init succeeded";
+  }
+  // The calls of one family only; demultiplexing's GetAVCodec borrows its Seek code.
+  int index, size;
+  unsigned char data[8] = {};
+  void* parameters = nullptr;
+  AVCODEC_TIMEBASE time_base{1, 25};
+  const std::pair<ErrorState, uint64_t> own[] = {
+      {after(AVFormat_Convert_Seek(nullptr, 1)), ERROR_AVFORMAT_CONVERT_PARAMETER},
+      {after(AVFormat_UNPack_Read(nullptr, &index, data, &size, nullptr, nullptr)), ERROR_AVFORMAT_PACKET_PARAMETER},
+      {after(AVFormat_UNPack_Seek(nullptr, 0, 0)), ERROR_AVFORMAT_PACKET_PARAMETER},
+      {after(AVFormat_UNPack_GetAVCodec(nullptr, 0, &parameters, nullptr)), ERROR_AVFORMAT_PACKET_SEEK},
+      {after(AVFormat_Packet_StreamCreate(nullptr, &time_base)), ERROR_AVFORMAT_PACKET_PARAMETER},
+      {after(AVFormat_Packet_StreamWrite(nullptr, 0, data, 8, &time_base, nullptr)), ERROR_AVFORMAT_PACKET_PARAMETER},
+  };
+  for (const auto& [state, code] : own) EXPECT_EQ(state, (ErrorState{true, code})) << std::hex << code;
+  EXPECT_EQ(parameters, nullptr);
+}
+
+TEST(ErrorState, GetLastErrorAddsErrnoAndLeavesTheFlag) {
+  EXPECT_FALSE(AVFormat_Convert_Start(nullptr));
+  errno = EAGAIN;
+  int number = 0;
+  EXPECT_EQ(AVFormat_GetLastError(&number), uint64_t{ERROR_AVFORMAT_CONVERT_PARAMETER});
+  EXPECT_EQ(number, EAGAIN);
+  EXPECT_TRUE(AVForamt_IsErrorOccur);
+}
+
+}  // namespace
