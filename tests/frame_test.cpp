@@ -5,7 +5,7 @@
 #include <sstream>
 
 #include "Quorvel_AVFormat.h"
-#include "frame/worker.h"
+#include "core/worker.h"
 #include "support/fixtures.h"
 
 namespace {

@@ -3,11 +3,20 @@
 
 #include "convert/convert.h"
 #include "convert/convert_task.h"
-#include "frame/error.h"
-#include "frame/task.h"
+#include "core/error.h"
+#include "core/remux.h"
+#include "core/task.h"
 
 using quorvel::Fail;
 using quorvel::OpenResult;
+using quorvel::StreamStep;
+
+namespace {
+
+constexpr quorvel::OpenCodes kOpenCodes{ERROR_AVFORMAT_CONVERT_MALLOC, ERROR_AVFORMAT_CONVERT_OPEN,
+                                        ERROR_AVFORMAT_CONVERT_OUTPUTFORMAT};
+
+}  // namespace
 
 void* CAVFormat_Convert::AVFormat_Convert_Init(AVFORMAT_PROGRESS_CALLBACK fpProgress, void* lpCallbackContext) {
   return quorvel::NewTask<AVPACKET_FILE_CONVERT>(fpProgress, lpCallbackContext, ERROR_AVFORMAT_CONVERT_MALLOC);
@@ -20,13 +29,9 @@ bool CAVFormat_Convert::AVFormat_Convert_Output(void* lpTask, const char* szUrl,
   if (task == nullptr || task->bStarted) return Fail(ERROR_AVFORMAT_CONVERT_PARAMETER);
 
   task->bOutputReady = false;
-  switch (
-      quorvel::OpenOutput(task->pOutputContext, task->pOutputBuffer, task->pOutputIO, szUrl, fpWrite, lpWriteContext)) {
-    case OpenResult::kOk: break;
-    case OpenResult::kNoFormat: return Fail(ERROR_AVFORMAT_CONVERT_OUTPUTFORMAT);
-    case OpenResult::kNoMemory: return Fail(ERROR_AVFORMAT_CONVERT_MALLOC);
-    case OpenResult::kOpenFailed: return Fail(ERROR_AVFORMAT_CONVERT_OPEN);
-  }
+  const OpenResult opened =
+      quorvel::OpenOutput(task->pOutputContext, task->pOutputBuffer, task->pOutputIO, szUrl, fpWrite, lpWriteContext);
+  if (!quorvel::FailOpen(opened, kOpenCodes)) return false;
   // Neither value nor order is checked: 0 or less switches either bound off.
   task->dlStartTime = dlStartTime;
   task->dlEndTime = dlEndTime;
@@ -43,20 +48,10 @@ bool CAVFormat_Convert::AVFormat_Convert_Input(void* lpTask, const char* szUrl, 
     return Fail(ERROR_AVFORMAT_CONVERT_PARAMETER);
 
   task->bInputReady = false;
-  const AVIOInterruptCB interrupt = quorvel::InterruptOn(task->bAbort);
-  // With both a url and a read function, the url is opened first (its failure
-  // ends the call) and then replaced by the bridged input.
-  if (szUrl != nullptr) {
-    const OpenResult opened = quorvel::OpenUrlInput(task->pInputContext, szUrl, interrupt);
-    if (opened == OpenResult::kNoMemory) return Fail(ERROR_AVFORMAT_CONVERT_MALLOC);
-    if (opened != OpenResult::kOk) return Fail(ERROR_AVFORMAT_CONVERT_OPEN);
-  }
-  if (fpRead != nullptr) {
-    const OpenResult opened = quorvel::OpenBridgeInput(task->pInputContext, task->pInputBuffer, task->pInputIO, fpRead,
-                                                       lpReadContext, interrupt);
-    if (opened == OpenResult::kNoMemory) return Fail(ERROR_AVFORMAT_CONVERT_MALLOC);
-    if (opened != OpenResult::kOk) return Fail(ERROR_AVFORMAT_CONVERT_OPEN);
-  }
+  const OpenResult opened =
+      quorvel::OpenInput(task->pInputContext, task->pInputBuffer, task->pInputIO, szUrl, fpRead, lpReadContext,
+                         quorvel::UrlBesideRead::kOpenedFirst, quorvel::InterruptOn(task->bAbort));
+  if (!quorvel::FailOpen(opened, kOpenCodes)) return false;
 
   AVFormatContext* input = task->pInputContext.get();
   if (avformat_find_stream_info(input, nullptr) < 0) return Fail(ERROR_AVFORMAT_CONVERT_STREAMINFO);
@@ -75,11 +70,11 @@ bool CAVFormat_Convert::AVFormat_Convert_Input(void* lpTask, const char* szUrl, 
       default: task->pnStreamMap[i] = -1; continue;
     }
     task->pnStreamMap[i] = static_cast<int>(i);
-    AVStream* stream = avformat_new_stream(output, nullptr);
-    if (stream == nullptr) return Fail(ERROR_AVFORMAT_CONVERT_NEWSTREAM);
-    if (avcodec_parameters_copy(stream->codecpar, parameters) < 0) return Fail(ERROR_AVFORMAT_CONVERT_CODECPAR);
-    // The output container chooses its own tag.
-    stream->codecpar->codec_tag = 0;
+    switch (quorvel::NewOutputStream(output, parameters)) {
+      case StreamStep::kDone: break;
+      case StreamStep::kNewStream: return Fail(ERROR_AVFORMAT_CONVERT_NEWSTREAM);
+      case StreamStep::kCopyParameters: return Fail(ERROR_AVFORMAT_CONVERT_CODECPAR);
+    }
   }
   task->bInputReady = true;
   return true;

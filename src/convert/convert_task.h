@@ -7,7 +7,7 @@
 #include <thread>
 
 #include "Quorvel_AVFormat.h"
-#include "frame/io.h"
+#include "core/io.h"
 
 struct AVPACKET_FILE_CONVERT {
   std::thread pThread;

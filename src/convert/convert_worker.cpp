@@ -1,12 +1,11 @@
 // Conversion worker and control: Start, the worker's loop, Suspend,
 // GetStatus, Seek and Stop.
-#include <thread>
-
 #include "convert/convert.h"
 #include "convert/convert_task.h"
-#include "frame/error.h"
-#include "frame/task.h"
-#include "frame/worker.h"
+#include "core/error.h"
+#include "core/remux.h"
+#include "core/task.h"
+#include "core/worker.h"
 
 using quorvel::Fail;
 
@@ -33,18 +32,8 @@ int CAVFormat_Convert::AVFormat_Convert_Thread(void* lpTask) {
   quorvel::Packet owned = quorvel::MakePacket();
   AVPacket* packet = owned.get();
 
-  while (packet != nullptr && task->bRunning) {
-    if (task->bPause) {
-      std::this_thread::sleep_for(quorvel::kPausePoll);
-      continue;
-    }
-    int read;
-    {
-      std::lock_guard<std::mutex> lock(task->mtxInput);
-      read = av_read_frame(input, packet);
-    }
-    if (read < 0) break;  // end of input or read error
-
+  // Read under the input's lock: Seek moves the input from the caller's thread.
+  while (packet != nullptr && quorvel::ReadNextPacket(task->bRunning, task->bPause, task->mtxInput, input, packet)) {
     // Dropped streams, and kept streams that have no output stream of their own index.
     const int index = packet->stream_index;
     if (index < 0 || index >= static_cast<int>(task->nStreamCount) || task->pnStreamMap[index] < 0 ||
@@ -56,12 +45,7 @@ int CAVFormat_Convert::AVFormat_Convert_Thread(void* lpTask) {
     const AVStream* out = output->streams[index];
 
     if (packet->pts == AV_NOPTS_VALUE) quorvel::SynthesizeTimestamps(packet, in, task->nPacketCount);
-    packet->pts = av_rescale_q_rnd(packet->pts, in->time_base, out->time_base,
-                                   static_cast<AVRounding>(AV_ROUND_NEAR_INF | AV_ROUND_PASS_MINMAX));
-    packet->dts = av_rescale_q_rnd(packet->dts, in->time_base, out->time_base,
-                                   static_cast<AVRounding>(AV_ROUND_NEAR_INF | AV_ROUND_PASS_MINMAX));
-    packet->duration = av_rescale_q(packet->duration, in->time_base, out->time_base);
-    packet->time_base = out->time_base;
+    quorvel::RescaleTimes(packet, in->time_base, out->time_base);
     packet->pos = -1;
 
     const double seconds = static_cast<double>(packet->pts) * av_q2d(out->time_base);

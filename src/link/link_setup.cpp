@@ -2,9 +2,10 @@
 #include <new>
 #include <utility>
 
-#include "frame/error.h"
-#include "frame/io.h"
-#include "frame/task.h"
+#include "core/error.h"
+#include "core/io.h"
+#include "core/remux.h"
+#include "core/task.h"
 #include "link/link.h"
 #include "link/link_task.h"
 
@@ -13,16 +14,21 @@ using quorvel::OpenResult;
 
 namespace {
 
+// A failed allocation is reported as a failed open: this family has always done so.
+constexpr quorvel::OpenCodes kOpenCodes{ERROR_AVFORMAT_LINK_OPEN, ERROR_AVFORMAT_LINK_OPEN,
+                                        ERROR_AVFORMAT_LINK_OUTPUTFORMAT};
+
 // Describes the output's stream of one kind from `parameters`, unless an
 // earlier input already did.
 bool DescribeOutputStream(AVFormatContext* output, int& output_index, const AVCodecParameters* parameters) {
   if (output_index != -1) return true;
-  AVStream* stream = avformat_new_stream(output, nullptr);
-  if (stream == nullptr) return Fail(ERROR_AVFORMAT_LINK_MALLOC);
-  if (avcodec_parameters_copy(stream->codecpar, parameters) < 0) return Fail(ERROR_AVFORMAT_LINK_CODECPAR);
+  AVStream* stream = nullptr;
+  switch (quorvel::NewOutputStream(output, parameters, &stream)) {
+    case quorvel::StreamStep::kDone: break;
+    case quorvel::StreamStep::kNewStream: return Fail(ERROR_AVFORMAT_LINK_MALLOC);
+    case quorvel::StreamStep::kCopyParameters: return Fail(ERROR_AVFORMAT_LINK_CODECPAR);
+  }
   output_index = stream->index;
-  // The output container chooses its own tag.
-  stream->codecpar->codec_tag = 0;
   return true;
 }
 
@@ -44,12 +50,8 @@ bool CAVFormat_Link::AVFormat_Link_Output(void* lpTask, const char* szFile) {
   // The output is a local file: no interrupt, so that a Stop never cuts a write short.
   quorvel::BridgeBuffer no_buffer;
   quorvel::BridgeIO no_io;
-  switch (quorvel::OpenOutput(task->pOutputContext, no_buffer, no_io, szFile, nullptr, nullptr)) {
-    case OpenResult::kOk: break;
-    case OpenResult::kNoFormat: return Fail(ERROR_AVFORMAT_LINK_OUTPUTFORMAT);
-    case OpenResult::kNoMemory:
-    case OpenResult::kOpenFailed: return Fail(ERROR_AVFORMAT_LINK_OPEN);
-  }
+  const OpenResult opened = quorvel::OpenOutput(task->pOutputContext, no_buffer, no_io, szFile, nullptr, nullptr);
+  if (!quorvel::FailOpen(opened, kOpenCodes)) return false;
   task->bOutputReady = true;
   return true;
 }
@@ -65,8 +67,9 @@ bool CAVFormat_Link::AVFormat_Link_Input(void* lpTask, const char* szFile, doubl
 
   // Whatever this call opened is released when it fails.
   AVPACKET_LINKINFO element;
-  if (quorvel::OpenUrlInput(element.pInputContext, szFile, quorvel::InterruptOn(task->bAbort)) != OpenResult::kOk)
-    return Fail(ERROR_AVFORMAT_LINK_OPEN);
+  // Files and URLs only: this family takes no read function.
+  const OpenResult opened = quorvel::OpenUrlInput(element.pInputContext, szFile, quorvel::InterruptOn(task->bAbort));
+  if (!quorvel::FailOpen(opened, kOpenCodes)) return false;
   AVFormatContext* input = element.pInputContext.get();
   if (avformat_find_stream_info(input, nullptr) < 0) return Fail(ERROR_AVFORMAT_LINK_STREAMINFO);
 

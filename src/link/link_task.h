@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "Quorvel_AVFormat.h"
-#include "frame/ffmpeg.h"
+#include "core/ffmpeg.h"
 
 // One input file, in joining order.
 struct AVPACKET_LINKINFO {

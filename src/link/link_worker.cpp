@@ -2,9 +2,9 @@
 // GetStatus and Stop.
 #include <thread>
 
-#include "frame/error.h"
-#include "frame/task.h"
-#include "frame/worker.h"
+#include "core/error.h"
+#include "core/task.h"
+#include "core/worker.h"
 #include "link/link.h"
 #include "link/link_task.h"
 
@@ -87,6 +87,11 @@ void CopyInput(AVPACKET_FILELINK* task, const AVPACKET_LINKINFO& element, AVPack
     timeline->Shift(packet);
     packet->stream_index = out_index;
     packet->pos = -1;
+    // Not quorvel::RescaleTimes, on purpose: av_packet_rescale_ts leaves a
+    // negative duration as it is and rescales an INT64_MAX time (which turns
+    // into AV_NOPTS_VALUE when it overflows), where RescaleTimes rescales every
+    // duration and passes INT64_MAX through. The joined output keeps the
+    // timing this family has always written.
     av_packet_rescale_ts(packet, in_time_base, out->time_base);
     packet->time_base = out->time_base;
     const double position = static_cast<double>(packet->pts) * av_q2d(out->time_base);

@@ -2,8 +2,9 @@
 #include <new>
 #include <utility>
 
-#include "frame/error.h"
-#include "frame/task.h"
+#include "core/error.h"
+#include "core/remux.h"
+#include "core/task.h"
 #include "packet/packet.h"
 #include "packet/packet_task.h"
 
@@ -12,15 +13,8 @@ using quorvel::OpenResult;
 
 namespace {
 
-bool FailOpen(OpenResult result) {
-  switch (result) {
-    case OpenResult::kOk: return true;
-    case OpenResult::kNoMemory: return Fail(ERROR_AVFORMAT_PACKET_MALLOC);
-    case OpenResult::kOpenFailed: return Fail(ERROR_AVFORMAT_PACKET_OPEN);
-    case OpenResult::kNoFormat: return Fail(ERROR_AVFORMAT_PACKET_OUTPUTFORMAT);
-  }
-  return Fail(ERROR_AVFORMAT_PACKET_OPEN);
-}
+constexpr quorvel::OpenCodes kOpenCodes{ERROR_AVFORMAT_PACKET_MALLOC, ERROR_AVFORMAT_PACKET_OPEN,
+                                        ERROR_AVFORMAT_PACKET_OUTPUTFORMAT};
 
 // Still pictures such as cover art are not carried over.
 bool IsStillPicture(const AVCodecParameters* parameters) {
@@ -44,7 +38,7 @@ bool CAVFormat_Packet::AVFormat_Packet_Output(void* lpTask, const char* szName, 
   task->bOutputReady = false;
   const OpenResult opened =
       quorvel::OpenOutput(task->pOutputContext, task->pOutputBuffer, task->pOutputIO, szName, fpWrite, lpWriteContext);
-  if (opened != OpenResult::kOk) return FailOpen(opened);
+  if (!quorvel::FailOpen(opened, kOpenCodes)) return false;
   // Neither value nor order is checked: 0 or less switches either bound off.
   task->dlStartTime = dlStartTime;
   task->dlEndTime = dlEndTime;
@@ -64,18 +58,10 @@ bool CAVFormat_Packet::AVFormat_Packet_Input(void* lpTask, const char* szUrl, AV
   // Built here and appended only on success; on failure its holders release
   // whatever was opened.
   AVPACKET_FILE_AVINFO element;
-  const AVIOInterruptCB interrupt = quorvel::InterruptOn(task->bAbort);
-  // With both a url and a read function, the url is opened first (its failure
-  // ends the call) and then replaced by the bridged input.
-  if (szUrl != nullptr) {
-    const OpenResult opened = quorvel::OpenUrlInput(element.pInputContext, szUrl, interrupt);
-    if (opened != OpenResult::kOk) return FailOpen(opened);
-  }
-  if (fpRead != nullptr) {
-    const OpenResult opened = quorvel::OpenBridgeInput(element.pInputContext, element.pInputBuffer, element.pInputIO,
-                                                       fpRead, lpReadContext, interrupt);
-    if (opened != OpenResult::kOk) return FailOpen(opened);
-  }
+  const OpenResult opened =
+      quorvel::OpenInput(element.pInputContext, element.pInputBuffer, element.pInputIO, szUrl, fpRead, lpReadContext,
+                         quorvel::UrlBesideRead::kOpenedFirst, quorvel::InterruptOn(task->bAbort));
+  if (!quorvel::FailOpen(opened, kOpenCodes)) return false;
 
   AVFormatContext* input = element.pInputContext.get();
   // This family has no code of its own for it.
@@ -88,8 +74,8 @@ bool CAVFormat_Packet::AVFormat_Packet_Input(void* lpTask, const char* szUrl, AV
     if (parameters->codec_type != AVMEDIA_TYPE_VIDEO && parameters->codec_type != AVMEDIA_TYPE_AUDIO) continue;
     if (IsStillPicture(parameters)) continue;
 
-    AVStream* stream = avformat_new_stream(output, nullptr);
-    if (stream == nullptr || avcodec_parameters_copy(stream->codecpar, parameters) < 0)
+    AVStream* stream = nullptr;
+    if (quorvel::NewOutputStream(output, parameters, &stream) != quorvel::StreamStep::kDone)
       return Fail(ERROR_AVFORMAT_PACKET_CODECPAR);  // streams already made stay in the output
     // Recorded from the stream mapped before this one (stream 0 at first), as
     // the record has always done; nothing reads these fields.
@@ -101,8 +87,6 @@ bool CAVFormat_Packet::AVFormat_Packet_Input(void* lpTask, const char* szUrl, AV
       task->bHasAudio = true;
       element.stTimeBase = previous;
     }
-    // The output container chooses its own tag.
-    stream->codecpar->codec_tag = 0;
     // Each mapping replaces the previous one: the last mapped stream carries the input.
     element.nInputStream = static_cast<int>(i);
     element.nOutputStream = stream->index;

@@ -2,7 +2,8 @@
 // parameters, StreamWrite writes one packet of the caller's into it.
 #include <cmath>
 
-#include "frame/error.h"
+#include "core/error.h"
+#include "core/remux.h"
 #include "packet/packet.h"
 #include "packet/packet_task.h"
 
@@ -31,16 +32,14 @@ bool CAVFormat_Packet::AVFormat_Packet_StreamCreate(void* lpTask, void* lpCodecP
   if (!task->bOutputReady || task->HeaderTried()) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
 
   const auto* parameters = static_cast<const AVCodecParameters*>(lpCodecParameters);
-  AVStream* stream = avformat_new_stream(task->pOutputContext.get(), nullptr);
+  AVStream* stream = nullptr;
   // A deep copy: the caller keeps its parameters. A failed copy leaves the stream in the output.
-  if (stream == nullptr || avcodec_parameters_copy(stream->codecpar, parameters) < 0)
+  if (quorvel::NewOutputStream(task->pOutputContext.get(), parameters, &stream) != quorvel::StreamStep::kDone)
     return Fail(ERROR_AVFORMAT_PACKET_CODECPAR);
   if (parameters->codec_type == AVMEDIA_TYPE_VIDEO)
     task->nVideoStream = stream->index;  // with several video streams the last one wins
   else
     task->nAudioStream = stream->index;
-  // The output container chooses its own tag.
-  stream->codecpar->codec_tag = 0;
   return true;
 }
 
@@ -87,14 +86,10 @@ bool CAVFormat_Packet::AVFormat_Packet_StreamWrite(void* lpTask, int nStreamInde
   packet->data = const_cast<uint8_t*>(pData);
   packet->size = nSize;
 
+  quorvel::RescaleTimes(packet, source, stream->time_base);
+  // The video stream's packets last one frame at `den` frames a second, whatever the caller gave.
   if (nStreamIndex == task->nVideoStream)
     packet->duration = av_rescale_q(VideoFrameLength(pTimeBase->den), kMicroseconds, stream->time_base);
-  else
-    packet->duration = av_rescale_q(packet->duration, source, stream->time_base);
-  const auto rounding = static_cast<AVRounding>(AV_ROUND_NEAR_INF | AV_ROUND_PASS_MINMAX);
-  packet->pts = av_rescale_q_rnd(packet->pts, source, stream->time_base, rounding);
-  packet->dts = av_rescale_q_rnd(packet->dts, source, stream->time_base, rounding);
-  packet->time_base = stream->time_base;
   packet->pos = -1;
   packet->stream_index = nStreamIndex;
 

@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "Quorvel_AVFormat.h"
-#include "frame/io.h"
+#include "core/io.h"
 
 // One input file and the one stream mapping that the worker uses for all of
 // its packets.

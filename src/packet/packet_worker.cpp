@@ -2,9 +2,10 @@
 // GetStatus and Stop.
 #include <thread>
 
-#include "frame/error.h"
-#include "frame/task.h"
-#include "frame/worker.h"
+#include "core/error.h"
+#include "core/remux.h"
+#include "core/task.h"
+#include "core/worker.h"
 #include "packet/packet.h"
 #include "packet/packet_task.h"
 
@@ -34,11 +35,7 @@ bool CarryOnePacket(AVPACKET_FILE_PACKET* task, AVPACKET_FILE_AVINFO& input, AVP
 
   if (packet->pts == AV_NOPTS_VALUE) quorvel::SynthesizeTimestamps(packet, in, input.nPacketCount);
   // Rescaled only: each input's times go to the output as they are.
-  const auto rounding = static_cast<AVRounding>(AV_ROUND_NEAR_INF | AV_ROUND_PASS_MINMAX);
-  packet->pts = av_rescale_q_rnd(packet->pts, in->time_base, out->time_base, rounding);
-  packet->dts = av_rescale_q_rnd(packet->dts, in->time_base, out->time_base, rounding);
-  packet->duration = av_rescale_q(packet->duration, in->time_base, out->time_base);
-  packet->time_base = out->time_base;
+  quorvel::RescaleTimes(packet, in->time_base, out->time_base);
   packet->pos = -1;
   packet->stream_index = input.nOutputStream;
 

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <memory>
 
-#include "frame/error.h"
+#include "core/error.h"
 #include "unpack/unpack.h"
 #include "unpack/unpack_task.h"
 

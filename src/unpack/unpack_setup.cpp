@@ -2,13 +2,47 @@
 #include <cstring>
 #include <new>
 
-#include "frame/error.h"
-#include "frame/task.h"
+#include "core/error.h"
+#include "core/remux.h"
+#include "core/task.h"
 #include "unpack/unpack.h"
 #include "unpack/unpack_task.h"
 
 using quorvel::Fail;
 using quorvel::OpenResult;
+using quorvel::StreamStep;
+
+namespace {
+
+constexpr quorvel::OpenCodes kOpenCodes{ERROR_AVFORMAT_PACKET_MALLOC, ERROR_AVFORMAT_PACKET_OPEN,
+                                        ERROR_AVFORMAT_PACKET_OUTPUTFORMAT};
+
+// Makes output `index` from `record`, with its one stream described by input
+// stream `index` and its header written. On failure records the code and
+// returns false; what was made stays in `info` for the caller to drop.
+bool MakeOutput(AVPACKET_FILE_INFO& info, const AVCODEC_FORMATINFO& record, const AVStream* source) {
+  std::memcpy(&info.FormatInfo, &record, sizeof record);
+  // The name is read as a string that lives in the record's 264 bytes.
+  info.FormatInfo.szName[sizeof info.FormatInfo.szName - 1] = '\0';
+  const AVCODEC_FORMATINFO& format = info.FormatInfo;
+
+  const OpenResult opened = quorvel::OpenOutput(info.pFormatContext, info.pIOBuffer, info.pIOContext, format.szName,
+                                                format.pWriteFunc, format.pWriteContext);
+  if (!quorvel::FailOpen(opened, kOpenCodes)) return false;
+  AVFormatContext* output = info.pFormatContext.get();
+  switch (quorvel::NewOutputStream(output, source->codecpar)) {
+    case StreamStep::kDone: break;
+    case StreamStep::kNewStream: return Fail(ERROR_AVFORMAT_PACKET_MALLOC);
+    case StreamStep::kCopyParameters: return Fail(ERROR_AVFORMAT_PACKET_CODECPAR);
+  }
+
+  if (avformat_write_header(output, nullptr) < 0) return Fail(ERROR_AVFORMAT_PACKET_WRITEHEADER);
+  // The header is out at once, before any packet: a file output is readable from here on.
+  if (output->pb != nullptr) avio_flush(output->pb);
+  return true;
+}
+
+}  // namespace
 
 void* CAVFormat_UNPack::AVFormat_UNPack_Init(AVFORMAT_PROGRESS_CALLBACK fpProgress, void* lpCallbackContext) {
   return quorvel::NewTask<AVPACKET_FILE_UNPACK>(fpProgress, lpCallbackContext, ERROR_AVFORMAT_PACKET_MALLOC);
@@ -23,53 +57,16 @@ bool CAVFormat_UNPack::AVFormat_UNPack_Input(void* lpTask, const char* szUrl, AV
     return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
 
   task->bInputReady = false;
-  const AVIOInterruptCB interrupt = quorvel::InterruptOn(task->bAbort);
-  // A read function wins: the url is not even looked at then.
-  const OpenResult opened = fpRead != nullptr
-                                ? quorvel::OpenBridgeInput(task->pFormatContext, task->pIOBuffer, task->pIOContext,
-                                                           fpRead, lpReadContext, interrupt)
-                                : quorvel::OpenUrlInput(task->pFormatContext, szUrl, interrupt);
-  if (opened == OpenResult::kNoMemory) return Fail(ERROR_AVFORMAT_PACKET_MALLOC);
-  if (opened != OpenResult::kOk) return Fail(ERROR_AVFORMAT_PACKET_OPEN);
+  const OpenResult opened =
+      quorvel::OpenInput(task->pFormatContext, task->pIOBuffer, task->pIOContext, szUrl, fpRead, lpReadContext,
+                         quorvel::UrlBesideRead::kIgnored, quorvel::InterruptOn(task->bAbort));
+  if (!quorvel::FailOpen(opened, kOpenCodes)) return false;
 
   // The family has no code of its own for streams that cannot be analysed.
   if (avformat_find_stream_info(task->pFormatContext.get(), nullptr) < 0) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
   task->bInputReady = true;
   return true;
 }
-
-namespace {
-
-// Makes output `index` from `record`, with its one stream described by input
-// stream `index` and its header written. On failure returns the code; what was
-// made stays in `info` for the caller to drop.
-uint64_t MakeOutput(AVPACKET_FILE_INFO& info, const AVCODEC_FORMATINFO& record, const AVStream* source) {
-  std::memcpy(&info.FormatInfo, &record, sizeof record);
-  // The name is read as a string that lives in the record's 264 bytes.
-  info.FormatInfo.szName[sizeof info.FormatInfo.szName - 1] = '\0';
-  const AVCODEC_FORMATINFO& format = info.FormatInfo;
-
-  switch (quorvel::OpenOutput(info.pFormatContext, info.pIOBuffer, info.pIOContext, format.szName, format.pWriteFunc,
-                              format.pWriteContext)) {
-    case OpenResult::kOk: break;
-    case OpenResult::kNoFormat: return ERROR_AVFORMAT_PACKET_OUTPUTFORMAT;
-    case OpenResult::kNoMemory: return ERROR_AVFORMAT_PACKET_MALLOC;
-    case OpenResult::kOpenFailed: return ERROR_AVFORMAT_PACKET_OPEN;
-  }
-  AVFormatContext* output = info.pFormatContext.get();
-  AVStream* stream = avformat_new_stream(output, nullptr);
-  if (stream == nullptr) return ERROR_AVFORMAT_PACKET_MALLOC;
-  if (avcodec_parameters_copy(stream->codecpar, source->codecpar) < 0) return ERROR_AVFORMAT_PACKET_CODECPAR;
-  // The output container chooses its own tag.
-  stream->codecpar->codec_tag = 0;
-
-  if (avformat_write_header(output, nullptr) < 0) return ERROR_AVFORMAT_PACKET_WRITEHEADER;
-  // The header is out at once, before any packet: a file output is readable from here on.
-  if (output->pb != nullptr) avio_flush(output->pb);
-  return 0;
-}
-
-}  // namespace
 
 bool CAVFormat_UNPack::AVFormat_UNPack_Output(void* lpTask, AVCODEC_FORMATINFO*** pppInfos, int nCount) {
   quorvel::ClearError();
@@ -87,8 +84,7 @@ bool CAVFormat_UNPack::AVFormat_UNPack_Output(void* lpTask, AVCODEC_FORMATINFO**
     if (records[i] == nullptr) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
     // Only a finished output joins the list; a failed one is released here.
     AVPACKET_FILE_INFO info;
-    const uint64_t failure = MakeOutput(info, *records[i], input->streams[i]);
-    if (failure != 0) return Fail(failure);
+    if (!MakeOutput(info, *records[i], input->streams[i])) return false;
     task->pInfoList.push_back(std::move(info));
   }
   return true;

@@ -7,7 +7,7 @@
 #include <thread>
 
 #include "Quorvel_AVFormat.h"
-#include "frame/io.h"
+#include "core/io.h"
 
 // One output: a container that holds the packets of one input stream.
 struct AVPACKET_FILE_INFO {

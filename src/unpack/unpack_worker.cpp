@@ -1,10 +1,8 @@
 // Demultiplexing worker and control: Start, the worker's loop, Suspend,
 // GetStatus, Seek and Stop.
-#include <thread>
-
-#include "frame/error.h"
-#include "frame/task.h"
-#include "frame/worker.h"
+#include "core/error.h"
+#include "core/task.h"
+#include "core/worker.h"
 #include "unpack/unpack.h"
 #include "unpack/unpack_task.h"
 
@@ -40,18 +38,8 @@ int CAVFormat_UNPack::AVFormat_UNPack_Thread(void* lpTask) {
   quorvel::Packet owned = quorvel::MakePacket();
   AVPacket* packet = owned.get();
 
-  while (packet != nullptr && task->bRunning) {
-    if (task->bPause) {
-      std::this_thread::sleep_for(quorvel::kPausePoll);
-      continue;
-    }
-    int read;
-    {
-      std::lock_guard<std::mutex> lock(task->mtxInput);
-      read = av_read_frame(input, packet);
-    }
-    if (read < 0) break;  // end of input or read error
-
+  // Read under the input's lock: Seek and GetAVCodec use the input from the caller's thread.
+  while (packet != nullptr && quorvel::ReadNextPacket(task->bRunning, task->bPause, task->mtxInput, input, packet)) {
     AVPACKET_FILE_INFO* info = OutputOf(task->pInfoList, packet->stream_index);
     if (info == nullptr) {
       av_packet_unref(packet);

@@ -10,7 +10,7 @@ extern "C" {
 }
 
 #include "commands.h"
-#include "frame/ffmpeg_version.h"
+#include "core/ffmpeg_version.h"
 #include "errors.h"
 #include "probe.h"
 

@@ -1,4 +1,6 @@
-#include "frame/io.h"
+#include "core/io.h"
+
+#include "core/error.h"
 
 namespace quorvel {
 namespace {
@@ -44,28 +46,8 @@ BridgeIO MakeBridgeIO(BridgeBuffer& buffer, IOFunction function, void* context, 
   return BridgeIO(io);
 }
 
-}  // namespace
-
-void BridgeIOFree::operator()(AVIOContext* io) const noexcept {
-  delete static_cast<CallerEndpoint*>(io->opaque);
-  av_freep(&io->buffer);
-  avio_context_free(&io);
-}
-
-AVIOInterruptCB InterruptOn(const std::atomic<bool>& flag) noexcept {
-  return AVIOInterruptCB{AbortWhenSet, const_cast<std::atomic<bool>*>(&flag)};
-}
-
-OpenResult OpenUrlInput(InputContext& input, const char* url, AVIOInterruptCB interrupt) noexcept {
-  input.reset(avformat_alloc_context());
-  if (!input) return OpenResult::kNoMemory;
-  input->interrupt_callback = interrupt;
-  AVFormatContext* context = input.release();
-  const int result = avformat_open_input(&context, url, nullptr, nullptr);  // frees it on failure
-  input.reset(context);
-  return result < 0 ? OpenResult::kOpenFailed : OpenResult::kOk;
-}
-
+// Opens the input through the bridge: a fresh context in `input` (releasing
+// what it held), a buffer in `buffer` that `io` then owns.
 OpenResult OpenBridgeInput(InputContext& input, BridgeBuffer& buffer, BridgeIO& io, IOFunction read, void* opaque,
                            AVIOInterruptCB interrupt) noexcept {
   input.reset(avformat_alloc_context());
@@ -81,6 +63,47 @@ OpenResult OpenBridgeInput(InputContext& input, BridgeBuffer& buffer, BridgeIO& 
   const int result = avformat_open_input(&context, "nothing", nullptr, nullptr);
   input.reset(context);
   return result < 0 ? OpenResult::kOpenFailed : OpenResult::kOk;
+}
+
+}  // namespace
+
+void BridgeIOFree::operator()(AVIOContext* io) const noexcept {
+  delete static_cast<CallerEndpoint*>(io->opaque);
+  av_freep(&io->buffer);
+  avio_context_free(&io);
+}
+
+AVIOInterruptCB InterruptOn(const std::atomic<bool>& flag) noexcept {
+  return AVIOInterruptCB{AbortWhenSet, const_cast<std::atomic<bool>*>(&flag)};
+}
+
+bool FailOpen(OpenResult result, const OpenCodes& codes) noexcept {
+  switch (result) {
+    case OpenResult::kOk: return true;
+    case OpenResult::kNoMemory: return Fail(codes.no_memory);
+    case OpenResult::kOpenFailed: return Fail(codes.open_failed);
+    case OpenResult::kNoFormat: return Fail(codes.no_format);
+  }
+  return Fail(codes.open_failed);
+}
+
+OpenResult OpenUrlInput(InputContext& input, const char* url, AVIOInterruptCB interrupt) noexcept {
+  input.reset(avformat_alloc_context());
+  if (!input) return OpenResult::kNoMemory;
+  input->interrupt_callback = interrupt;
+  AVFormatContext* context = input.release();
+  const int result = avformat_open_input(&context, url, nullptr, nullptr);  // frees it on failure
+  input.reset(context);
+  return result < 0 ? OpenResult::kOpenFailed : OpenResult::kOk;
+}
+
+OpenResult OpenInput(InputContext& input, BridgeBuffer& buffer, BridgeIO& io, const char* url, IOFunction read,
+                     void* opaque, UrlBesideRead rule, AVIOInterruptCB interrupt) noexcept {
+  if (url != nullptr && (read == nullptr || rule == UrlBesideRead::kOpenedFirst)) {
+    const OpenResult opened = OpenUrlInput(input, url, interrupt);
+    if (opened != OpenResult::kOk || read == nullptr) return opened;
+  }
+  return OpenBridgeInput(input, buffer, io, read, opaque, interrupt);
 }
 
 OpenResult OpenOutput(OutputContext& output, BridgeBuffer& buffer, BridgeIO& io, const char* name, IOFunction write,

@@ -1,18 +1,27 @@
 // What every family's worker thread shares: the pause poll, starting the
-// thread, and the timestamps made up for packets that come without any.
+// thread, the read that a caller's thread may share, and the timestamps made
+// up for packets that come without any.
 #pragma once
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <mutex>
 #include <thread>
 
-#include "frame/ffmpeg.h"
+#include "core/ffmpeg.h"
 
 namespace quorvel {
 
 // A paused worker sleeps this long between looks at its flags.
 constexpr std::chrono::milliseconds kPausePoll{100};
+
+// The head of a worker's read loop: waits while `pause` is set (looking at
+// `running` every poll), then reads the next packet of `input` under
+// `input_lock`, which the caller's thread takes for its own calls on the
+// input. False when the loop is to end: stopped, end of input or read error.
+bool ReadNextPacket(const std::atomic<bool>& running, const std::atomic<bool>& pause, std::mutex& input_lock,
+                    AVFormatContext* input, AVPacket* packet);
 
 // Runs `body(task)` on `thread`. False when no joinable thread results.
 bool StartWorker(std::thread& thread, int (*body)(void*), void* task) noexcept;

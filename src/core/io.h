@@ -8,10 +8,11 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 
 #include "Quorvel_AVFormat.h"
-#include "frame/ffmpeg.h"
+#include "core/ffmpeg.h"
 
 namespace quorvel {
 
@@ -39,14 +40,31 @@ enum class OpenResult {
 // that a Stop ends a read or write that waits on the network.
 AVIOInterruptCB InterruptOn(const std::atomic<bool>& flag) noexcept;
 
+// The error code a family reports for each way an open can fail.
+struct OpenCodes {
+  uint64_t no_memory;
+  uint64_t open_failed;
+  uint64_t no_format;
+};
+
+// True for kOk; otherwise records the family's code for `result` and returns false.
+bool FailOpen(OpenResult result, const OpenCodes& codes) noexcept;
+
 // Opens `url` into `input` (replacing, and releasing, what it held).
 OpenResult OpenUrlInput(InputContext& input, const char* url, AVIOInterruptCB interrupt) noexcept;
 
-// Opens the input through the bridge: a fresh context in `input` (releasing
-// what it held), a buffer in `buffer` that `io` then owns, and `read` called
-// with `opaque`.
-OpenResult OpenBridgeInput(InputContext& input, BridgeBuffer& buffer, BridgeIO& io, IOFunction read, void* opaque,
-                           AVIOInterruptCB interrupt) noexcept;
+// What an input given both a url and a read function is opened from.
+enum class UrlBesideRead {
+  kOpenedFirst,  // the url is opened first (its failure ends the call), then replaced by the bridged input
+  kIgnored,      // the read function wins: the url is not even looked at
+};
+
+// Opens `url`, or the bridge over `read` (called with `opaque`), or, as
+// `rule` says, both in turn into `input`, releasing what it held. The bridge
+// takes a buffer in `buffer` that `io` then owns. At least one of `url` and
+// `read` must be given.
+OpenResult OpenInput(InputContext& input, BridgeBuffer& buffer, BridgeIO& io, const char* url, IOFunction read,
+                     void* opaque, UrlBesideRead rule, AVIOInterruptCB interrupt) noexcept;
 
 // Creates the output context. Without `write`, `name` is a file name or URL
 // that decides the container, and the file is opened unless the format needs

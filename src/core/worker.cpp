@@ -1,4 +1,4 @@
-#include "frame/worker.h"
+#include "core/worker.h"
 
 #include <cmath>
 #include <system_error>
@@ -21,6 +21,14 @@ bool StartWorker(std::thread& thread, int (*body)(void*), void* task) noexcept {
     return false;
   }
   return thread.joinable();
+}
+
+bool ReadNextPacket(const std::atomic<bool>& running, const std::atomic<bool>& pause, std::mutex& input_lock,
+                    AVFormatContext* input, AVPacket* packet) {
+  while (running && pause) std::this_thread::sleep_for(kPausePoll);
+  if (!running) return false;
+  const std::lock_guard<std::mutex> lock(input_lock);
+  return av_read_frame(input, packet) >= 0;
 }
 
 void StopWorker(std::thread& thread, std::atomic<bool>& running, std::atomic<bool>& abort) noexcept {

@@ -1,4 +1,4 @@
-#include "frame/objects.h"
+#include "api/objects.h"
 
 // One translation unit, so that they are constructed at load in this order
 // and destroyed in the reverse order at unload.

@@ -7,7 +7,7 @@
 #include <new>
 
 #include "Quorvel_AVFormat.h"
-#include "frame/error.h"
+#include "core/error.h"
 
 namespace quorvel {
 

@@ -1,4 +1,4 @@
-#include "frame/error.h"
+#include "core/error.h"
 
 #include <cerrno>
 

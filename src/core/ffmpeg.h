@@ -13,7 +13,7 @@ extern "C" {
 #include <cstdint>
 #include <memory>
 
-#include "frame/ffmpeg_version.h"
+#include "core/ffmpeg_version.h"
 
 namespace quorvel {
 

@@ -3,8 +3,8 @@
 #include <new>
 
 #include "Quorvel_AVFormat.h"
-#include "frame/error.h"
-#include "frame/objects.h"
+#include "api/objects.h"
+#include "core/error.h"
 
 namespace {
 

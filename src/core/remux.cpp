@@ -1,0 +1,22 @@
+#include "core/remux.h"
+
+namespace quorvel {
+
+StreamStep NewOutputStream(AVFormatContext* output, const AVCodecParameters* parameters, AVStream** made) noexcept {
+  AVStream* stream = avformat_new_stream(output, nullptr);
+  if (stream == nullptr) return StreamStep::kNewStream;
+  if (made != nullptr) *made = stream;
+  if (avcodec_parameters_copy(stream->codecpar, parameters) < 0) return StreamStep::kCopyParameters;
+  stream->codecpar->codec_tag = 0;
+  return StreamStep::kDone;
+}
+
+void RescaleTimes(AVPacket* packet, AVRational from, AVRational to) noexcept {
+  const auto rounding = static_cast<AVRounding>(AV_ROUND_NEAR_INF | AV_ROUND_PASS_MINMAX);
+  packet->pts = av_rescale_q_rnd(packet->pts, from, to, rounding);
+  packet->dts = av_rescale_q_rnd(packet->dts, from, to, rounding);
+  packet->duration = av_rescale_q(packet->duration, from, to);
+  packet->time_base = to;
+}
+
+}  // namespace quorvel

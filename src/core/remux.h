@@ -1,0 +1,31 @@
+// The steps that every family's copy of packets takes alike: describing an
+// output stream from an input stream's codec parameters, and moving a
+// packet's times to the output stream's time base.
+#pragma once
+
+#include "core/ffmpeg.h"
+
+namespace quorvel {
+
+// Which step of making an output stream failed; the families report a code
+// of their own for each.
+enum class StreamStep {
+  kDone,            // made, parameters copied
+  kNewStream,       // avformat_new_stream failed: nothing was added
+  kCopyParameters,  // avcodec_parameters_copy failed: the stream stays in the output
+};
+
+// Adds a stream to `output` described by a deep copy of `parameters`, with
+// the codec tag cleared so that the output container chooses its own. The
+// stream goes to `made`, when given.
+StreamStep NewOutputStream(AVFormatContext* output, const AVCodecParameters* parameters,
+                           AVStream** made = nullptr) noexcept;
+
+// Rescales a packet's pts and dts to the nearest tick of `to`, passing the
+// extreme values (AV_NOPTS_VALUE, INT64_MAX) through unchanged, and its
+// duration to the nearest tick whatever its sign; the packet is then counted
+// in `to`. This differs from av_packet_rescale_ts, which leaves a negative
+// duration alone and rescales INT64_MAX (see the concatenation worker).
+void RescaleTimes(AVPacket* packet, AVRational from, AVRational to) noexcept;
+
+}  // namespace quorvel
