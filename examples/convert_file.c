@@ -1,12 +1,16 @@
 /*
- * convert_file: remux one media file into another container, optionally cut.
+ * convert_file: remuxes one media file into another container, optionally
+ * cut, on the conversion family's worker thread. Shows the call order (Output
+ * before Input), the progress callback, pausing and resuming, polling the
+ * status, and Stop, which writes the trailer.
  *
- *   convert_file INPUT OUTPUT [START END]
+ *   convert_file INPUT OUTPUT [START END]    e.g. convert_file in.mp4 out.mkv 2 6
  *
- * The output's container follows OUTPUT's extension (.mkv, .mp4, .ts, ...).
- * START and END are seconds on the input's own timeline; END stops the task
- * on the packet whose time equals it exactly (0 runs to the end).
+ * OUTPUT's extension decides the container (.mkv, .mp4, .ts, ...). START and
+ * END are seconds on the input's own timeline; the task ends on a packet whose
+ * time equals END exactly, and runs to the end of the input if none does.
  */
+#define _POSIX_C_SOURCE 200809L /* nanosleep */
 #include <Quorvel_AVFormat.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -14,21 +18,22 @@
 
 struct progress {
   long long packets;
-  double last_seconds;
+  double seconds;
 };
 
-/* Called on the worker thread once per packet of a kept stream. */
+/* Runs on the worker thread once per packet of a kept stream, also for the
+ * packets before START, which are read but not written. */
 static void on_packet(void* reserved, int media_type, long long number, double seconds, void* context) {
-  struct progress* progress = (struct progress*)context;
+  struct progress* progress = context;
   (void)reserved;
   progress->packets = number + 1;
-  progress->last_seconds = seconds;
+  progress->seconds = seconds;
   if (number % 50 == 0) printf("  packet %5lld  %-5s  %8.3f s\n", number, media_type == 0 ? "video" : "audio", seconds);
 }
 
-static int fail(const char* what) {
-  fprintf(stderr, "%s failed: error 0x%llX\n", what, (unsigned long long)AVFormat_GetLastError(NULL));
-  return 1;
+static void sleep_ms(long ms) {
+  const struct timespec pause = {0, ms * 1000000L};
+  nanosleep(&pause, NULL);
 }
 
 int main(int argc, char** argv) {
@@ -41,28 +46,22 @@ int main(int argc, char** argv) {
 
   struct progress progress = {0, 0.0};
   void* task = AVFormat_Convert_Init(on_packet, &progress);
-  if (task == NULL) return fail("AVFormat_Convert_Init");
-
-  /* Output first (it decides the container), then the input, whose streams become the output's. */
-  if (!AVFormat_Convert_Output(task, argv[2], start, end, NULL, NULL)) {
-    AVFormat_Convert_Stop(task);
-    return fail("AVFormat_Convert_Output");
-  }
-  if (!AVFormat_Convert_Input(task, argv[1], NULL, NULL) || !AVFormat_Convert_Start(task)) {
-    const int status = fail("AVFormat_Convert_Input/Start");
-    AVFormat_Convert_Stop(task);
-    return status;
+  /* Output first: Input makes one output stream per video, audio and subtitle stream. */
+  if (task == NULL || !AVFormat_Convert_Output(task, argv[2], start, end, NULL, NULL) ||
+      !AVFormat_Convert_Input(task, argv[1], NULL, NULL) || !AVFormat_Convert_Start(task)) {
+    fprintf(stderr, "conversion failed: error 0x%llX\n", (unsigned long long)AVFormat_GetLastError(NULL));
+    AVFormat_Convert_Stop(task); /* releases whatever the task holds; NULL is fine */
+    return 1;
   }
 
-  /* The worker runs on its own thread; poll until it has finished. */
+  /* Pause for a moment and resume: the worker waits between packets. */
+  AVFormat_Convert_Suspend(task, true);
+  sleep_ms(50);
+  AVFormat_Convert_Suspend(task, false);
+
   bool running = true;
-  const struct timespec pause = {0, 20 * 1000 * 1000};
-  while (AVFormat_Convert_GetStatus(task, &running) && running) nanosleep(&pause, NULL);
-
-  /* Stop writes the trailer and releases everything; the handle is gone afterwards. */
-  AVFormat_Convert_Stop(task);
-  printf("read %lld packets up to %.3f s; wrote %s", progress.packets, progress.last_seconds, argv[2]);
-  if (start > 0.0 || end > 0.0) printf(" (cut %.3f s to %.3f s)", start, end);
-  printf("\n");
+  while (AVFormat_Convert_GetStatus(task, &running) && running) sleep_ms(10);
+  AVFormat_Convert_Stop(task); /* writes the trailer and frees the task */
+  printf("read %lld packets up to %.3f s into %s\n", progress.packets, progress.seconds, argv[2]);
   return 0;
 }

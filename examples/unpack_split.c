@@ -1,102 +1,64 @@
 /*
  * unpack_split: splits a media file into one file per stream, without
- * re-encoding, and prints the progress.
+ * re-encoding, on the demultiplexing family's worker thread. Shows counting
+ * the streams with GetAVCodec and describing one output per stream with
+ * AVCODEC_FORMATINFO records.
  *
- *   unpack_split INPUT PREFIX [EXTENSION]
+ *   unpack_split INPUT PREFIX [EXTENSION]    e.g. unpack_split in.mkv part
  *
  * Writes PREFIX.0.EXTENSION, PREFIX.1.EXTENSION, ... (EXTENSION defaults to
- * mkv, whose container takes nearly every codec). Uses the public header only.
+ * mkv, whose container takes nearly every codec).
  */
-#define _POSIX_C_SOURCE 199309L
-
-#include <inttypes.h>
+#define _POSIX_C_SOURCE 200809L /* nanosleep */
+#include <Quorvel_AVFormat.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <time.h>
 
-#include "Quorvel_AVFormat.h"
+#define MAX_STREAMS 64
 
-/* What the progress callback is told, per stream. Written by the worker
- * thread only; read once the worker has ended. */
-struct Progress {
-  int streams;
-  long long* packets;
-  double* seconds;
-};
-
-/* Runs on the worker thread once per packet. */
-static void OnPacket(void* reserved, int stream, long long number, double seconds, void* context) {
-  struct Progress* progress = (struct Progress*)context;
+/* Runs on the worker thread once per packet: type is the input stream index,
+ * number that output's packet number from 0. */
+static void on_packet(void* reserved, int stream, long long number, double seconds, void* context) {
   (void)reserved;
-  if (stream < 0 || stream >= progress->streams) return;
-  progress->packets[stream] = number + 1;
-  progress->seconds[stream] = seconds;
+  (void)context;
   if (number % 50 == 0) printf("  stream %d: packet %lld at %.2f s\n", stream, number, seconds);
 }
 
-static int Fail(const char* what) {
-  fprintf(stderr, "unpack_split: %s failed with error 0x%" PRIx64 "\n", what, AVFormat_GetLastError(NULL));
-  return 1;
-}
-
 int main(int argc, char** argv) {
-  if (argc < 3) {
+  if (argc != 3 && argc != 4) {
     fprintf(stderr, "usage: %s INPUT PREFIX [EXTENSION]\n", argv[0]);
     return 2;
   }
-  const char* extension = argc > 3 ? argv[3] : "mkv";
-  struct Progress progress = {0, NULL, NULL};
-  void* task = AVFormat_UNPack_Init(OnPacket, &progress);
-  if (task == NULL) return Fail("AVFormat_UNPack_Init");
-  if (!AVFormat_UNPack_Input(task, argv[1], NULL, NULL)) {
-    AVFormat_UNPack_Stop(task);
-    return Fail("AVFormat_UNPack_Input");
-  }
+  const char* extension = argc == 4 ? argv[3] : "mkv";
+  void* task = AVFormat_UNPack_Init(on_packet, NULL);
+  bool ok = task != NULL && AVFormat_UNPack_Input(task, argv[1], NULL, NULL);
 
-  /* The header has no stream count: GetAVCodec refuses the first index past the last stream. */
-  AVCODEC_TIMEBASE time_base;
-  while (AVFormat_UNPack_GetAVCodec(task, progress.streams, NULL, &time_base)) ++progress.streams;
-  progress.packets = (long long*)calloc((size_t)progress.streams + 1, sizeof *progress.packets);
-  progress.seconds = (double*)calloc((size_t)progress.streams + 1, sizeof *progress.seconds);
-  AVCODEC_FORMATINFO* records = (AVCODEC_FORMATINFO*)calloc((size_t)progress.streams + 1, sizeof *records);
-  AVCODEC_FORMATINFO** pointers = (AVCODEC_FORMATINFO**)calloc((size_t)progress.streams + 1, sizeof *pointers);
-  int status = 0;
-  if (progress.packets == NULL || progress.seconds == NULL || records == NULL || pointers == NULL) {
-    fprintf(stderr, "unpack_split: out of memory\n");
-    status = 1;
-    goto done;
-  }
+  /* The input has no stream count: GetAVCodec refuses the first index past the last stream. */
+  int streams = 0;
+  while (ok && streams < MAX_STREAMS && AVFormat_UNPack_GetAVCodec(task, streams, NULL, NULL)) ++streams;
 
-  /* Record i names stream i: each output takes its codec parameters from
-   * the stream at its own position. */
-  for (int i = 0; i < progress.streams; ++i) {
+  /* Record i takes the codec parameters of input stream i, so it must also
+   * name stream i as the one whose packets it receives. */
+  AVCODEC_FORMATINFO records[MAX_STREAMS] = {0};
+  AVCODEC_FORMATINFO* pointers[MAX_STREAMS];
+  for (int i = 0; i < streams; ++i) {
     snprintf(records[i].szName, sizeof records[i].szName, "%s.%d.%s", argv[2], i, extension);
     records[i].nStreamIndex = i;
     pointers[i] = &records[i];
     printf("stream %d -> %s\n", i, records[i].szName);
   }
-  if (!AVFormat_UNPack_Output(task, &pointers, progress.streams)) {
-    status = Fail("AVFormat_UNPack_Output");
-    goto done;
-  }
-  if (!AVFormat_UNPack_Start(task)) {
-    status = Fail("AVFormat_UNPack_Start");
-    goto done;
+  AVCODEC_FORMATINFO** array = pointers;
+  /* Output copies the records and writes each output's header at once. */
+  ok = ok && AVFormat_UNPack_Output(task, &array, streams) && AVFormat_UNPack_Start(task);
+  if (!ok) {
+    fprintf(stderr, "split failed: error 0x%llX\n", (unsigned long long)AVFormat_GetLastError(NULL));
+    AVFormat_UNPack_Stop(task);
+    return 1;
   }
   bool running = true;
-  while (AVFormat_UNPack_GetStatus(task, &running) && running) {
-    const struct timespec poll = {0, 100 * 1000 * 1000};
-    nanosleep(&poll, NULL);
-  }
-  for (int i = 0; i < progress.streams; ++i)
-    printf("%s: %lld packets, last at %.2f s\n", records[i].szName, progress.packets[i], progress.seconds[i]);
-
-done:
-  /* Stop writes the trailers and frees the task, also after a failure. */
-  AVFormat_UNPack_Stop(task);
-  free(pointers);
-  free(records);
-  free(progress.seconds);
-  free(progress.packets);
-  return status;
+  const struct timespec pause = {0, 10 * 1000 * 1000};
+  while (AVFormat_UNPack_GetStatus(task, &running) && running) nanosleep(&pause, NULL);
+  AVFormat_UNPack_Stop(task); /* writes every output's trailer and frees the task */
+  printf("split %s into %d files\n", argv[1], streams);
+  return 0;
 }
