@@ -660,6 +660,20 @@ QUORVEL_AVFORMAT_API bool AVFormat_Link_Suspend(void* task, bool pause);
  */
 QUORVEL_AVFORMAT_API bool AVFormat_Link_Stop(void* task);
 
+/* ========================================================================== */
+/* Additions beyond the original interface                                    */
+/*                                                                            */
+/* Everything below is new: callers written against the functions above see  */
+/* no change in their behaviour. Each addition is named like the others       */
+/* (AVFormat_<Family>_<Op>) and uses free codes in its family's range.        */
+/* ========================================================================== */
+
+/* ---- Demultiplexing: a Read that is told the buffer's size ---------------- */
+
+/* ---- Task reports: what a task did, and its first write error ------------- */
+
+/* ---- End of the additions -------------------------------------------------- */
+
 #ifdef __cplusplus
 }
 #endif
