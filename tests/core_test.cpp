@@ -1,4 +1,4 @@
-// The frame shared by all families: the exported interface and the
+// The shared core of all families: the exported interface and the
 // timestamps made up for packets without any.
 #include <gtest/gtest.h>
 
