@@ -4,30 +4,22 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <string>
 
 #include "fuzz/fuzz_io.h"
 
-namespace {
-
-std::string ScratchPath(const char* suffix) {
-  const char* base = std::getenv("TMPDIR");
-  return std::string(base != nullptr ? base : "/tmp") + "/quorvel-link-fuzz-" + std::to_string(getpid()) + suffix;
-}
-
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   qfuzz::Quiet();
-  static const std::string input = ScratchPath(".in"), output = ScratchPath(".mkv");
-  FILE* file = std::fopen(input.c_str(), "wb");
-  if (file == nullptr) return 0;
-  const bool written = std::fwrite(data, 1, size, file) == size;
-  if (std::fclose(file) != 0 || !written) return 0;
-
+  const char* scratch = std::getenv("TMPDIR");
+  static const std::string base =
+      std::string(scratch != nullptr ? scratch : "/tmp") + "/quorvel-link-fuzz-" + std::to_string(getpid());
+  static const std::string input = base + ".in", output = base + ".mkv";
+  if (!std::ofstream(input, std::ios::binary).write(reinterpret_cast<const char*>(data), static_cast<long>(size)))
+    return 0;
   void* task = AVFormat_Link_Init(qfuzz::IgnoreProgress, nullptr);
-  if (task == nullptr) return 0;
-  if (AVFormat_Link_Output(task, output.c_str()) && AVFormat_Link_Input(task, input.c_str(), 0.0, 0.0, 0, 1) &&
+  if (task != nullptr && AVFormat_Link_Output(task, output.c_str()) &&
+      AVFormat_Link_Input(task, input.c_str(), 0.0, 0.0, 0, 1) &&
       AVFormat_Link_Input(task, input.c_str(), 0.0, 0.0, 0, 1) && AVFormat_Link_Start(task))
     qfuzz::WaitForEnd(AVFormat_Link_GetStatus, task);
   AVFormat_Link_Stop(task);

@@ -22,7 +22,7 @@ struct Cursor {
   template <typename T>
   T Take() {
     T value{};
-    const size_t count = size < sizeof value ? size : sizeof value;
+    const size_t count = std::min(size, sizeof value);
     std::memcpy(&value, data, count);
     data += count;
     size -= count;
@@ -30,23 +30,21 @@ struct Cursor {
   }
 };
 
+// One MPEG-4 video and one mono PCM audio stream.
 bool CreateStreams(void* task) {
-  AVCodecParameters* video = avcodec_parameters_alloc();
-  AVCodecParameters* audio = avcodec_parameters_alloc();
-  bool created = false;
-  if (video != nullptr && audio != nullptr) {
-    video->codec_type = AVMEDIA_TYPE_VIDEO;
-    video->codec_id = AV_CODEC_ID_MPEG4;
-    video->width = 64;
-    video->height = 48;
-    audio->codec_type = AVMEDIA_TYPE_AUDIO;
-    audio->codec_id = AV_CODEC_ID_PCM_S16LE;
-    audio->sample_rate = 8000;
-    av_channel_layout_default(&audio->ch_layout, 1);
-    created = AVFormat_Packet_StreamCreate(task, video) && AVFormat_Packet_StreamCreate(task, audio);
+  bool created = true;
+  for (const AVMediaType type : {AVMEDIA_TYPE_VIDEO, AVMEDIA_TYPE_AUDIO}) {
+    AVCodecParameters* parameters = avcodec_parameters_alloc();
+    if (parameters == nullptr) return false;
+    parameters->codec_type = type;
+    parameters->codec_id = type == AVMEDIA_TYPE_VIDEO ? AV_CODEC_ID_MPEG4 : AV_CODEC_ID_PCM_S16LE;
+    parameters->width = 64;
+    parameters->height = 48;
+    parameters->sample_rate = 8000;
+    av_channel_layout_default(&parameters->ch_layout, 1);
+    created = created && AVFormat_Packet_StreamCreate(task, parameters);
+    avcodec_parameters_free(&parameters);
   }
-  avcodec_parameters_free(&video);
-  avcodec_parameters_free(&audio);
   return created;
 }
 
@@ -55,8 +53,7 @@ bool CreateStreams(void* task) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   qfuzz::Quiet();
   void* task = AVFormat_Packet_Init(nullptr, nullptr);
-  if (task == nullptr) return 0;
-  if (AVFormat_Packet_Output(task, "matroska", 0.0, 0.0, qfuzz::Discard, nullptr) && CreateStreams(task)) {
+  if (task != nullptr && AVFormat_Packet_Output(task, "matroska", 0.0, 0.0, qfuzz::Discard, nullptr) && CreateStreams(task)) {
     Cursor cursor{data, size};
     while (cursor.size > 0) {
       const auto flags = cursor.Take<uint8_t>();

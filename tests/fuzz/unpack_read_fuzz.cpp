@@ -13,18 +13,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static std::vector<unsigned char> packet(64u << 20);
   qfuzz::ByteSource source{data, size};
   void* task = AVFormat_UNPack_Init(nullptr, nullptr);
-  if (task == nullptr) return 0;
-  if (AVFormat_UNPack_Input(task, nullptr, qfuzz::ByteSource::Read, &source)) {
-    for (int stream = 0;; ++stream) {
-      void* parameters = nullptr;
-      AVCODEC_TIMEBASE time_base;
-      const bool described = AVFormat_UNPack_GetAVCodec(task, stream, &parameters, &time_base);
+  if (task != nullptr && AVFormat_UNPack_Input(task, nullptr, qfuzz::ByteSource::Read, &source)) {
+    void* parameters = nullptr;
+    AVCODEC_TIMEBASE time_base;
+    for (int stream = 0; AVFormat_UNPack_GetAVCodec(task, stream, &parameters, &time_base); ++stream)
       std::free(parameters);
-      if (!described) break;
-    }
     int stream_index = 0, packet_size = 0;
     AVCODEC_PACKETINFO info;
-    AVCODEC_TIMEBASE time_base;
     while (AVFormat_UNPack_Read(task, &stream_index, packet.data(), &packet_size, &info, &time_base)) {
     }
   }

@@ -7,18 +7,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   qfuzz::Quiet();
   qfuzz::ByteSource source{data, size};
   void* task = AVFormat_UNPack_Init(qfuzz::IgnoreProgress, nullptr);
-  if (task == nullptr) return 0;
-  if (AVFormat_UNPack_Input(task, nullptr, qfuzz::ByteSource::Read, &source)) {
+  if (task != nullptr && AVFormat_UNPack_Input(task, nullptr, qfuzz::ByteSource::Read, &source)) {
     // As many outputs as the input has streams, up to four: Output refuses more.
     AVCODEC_FORMATINFO records[4] = {};
     AVCODEC_FORMATINFO* pointers[4];
     int count = 0;
     for (; count < 4 && AVFormat_UNPack_GetAVCodec(task, count, nullptr, nullptr); ++count) {
-      AVCODEC_FORMATINFO& record = records[count];
-      std::strcpy(record.szName, "nut");
-      record.nStreamIndex = count;
-      record.pWriteFunc = qfuzz::Discard;
-      pointers[count] = &record;
+      std::strcpy(records[count].szName, "nut");
+      records[count].nStreamIndex = count;
+      records[count].pWriteFunc = qfuzz::Discard;
+      pointers[count] = &records[count];
     }
     AVCODEC_FORMATINFO** list = pointers;
     // A refused output leaves the earlier ones in place; the worker runs either way.
