@@ -33,6 +33,35 @@
  * thread drives FFmpeg at that moment: the worker while a task runs, the
  * caller's thread during set-up, Start and Stop.
  *
+ * From inside a callback that a task's worker runs (its progress callback, or
+ * its caller read or write function while the task runs), a caller may call
+ * for that same task:
+ *  - *_Stop(): returns true at once without waiting; the worker leaves its
+ *    loop after the callback returns and finishes the stop itself (trailer,
+ *    release, handle freed) as it ends. Make no further call on the handle
+ *    after this Stop, not even from the same callback: it dangles as soon as
+ *    the worker ends;
+ *  - *_GetStatus(), *_Suspend() and *_GetReport();
+ *  - from the progress callback only (not from a read function, which runs
+ *    while the worker holds the input), AVFormat_Convert_Seek(),
+ *    AVFormat_UNPack_Seek() and AVFormat_UNPack_GetAVCodec().
+ * It must not call that task's *_Init(), *_Output(), *_Input(), *_Start(), the
+ * caller-fed multiplexing and demultiplexing calls (StreamCreate, StreamWrite,
+ * Read), nor Stop from a read or write function running on the caller's own
+ * thread (during set-up, Start or Stop). Calls on other tasks are allowed as
+ * from any thread, but Stop of another task waits for that task's worker: two
+ * workers must never stop each other, and a paused concatenation task's Stop
+ * waits until it is resumed.
+ *
+ * Inputs named by the caller (a file name or URL) are opened with FFmpeg's
+ * defaults, and so are what they in turn open: a playlist (HLS, DASH, concat
+ * lists) or a reference file may open other local files and network URLs
+ * (http, https, tcp, udp, rtp, ...) that its content names. Open only names
+ * whose content you trust or that may reach those places; an opt-in strict
+ * policy is planned. Inputs read through a caller read function follow
+ * FFmpeg's rule for pipes instead: what they open in turn is limited to the
+ * crypto and data protocols, so no file and no network address.
+ *
  * Valid C (C99 and later) and C++.
  */
 #ifndef QUORVEL_AVFORMAT_H
@@ -342,7 +371,8 @@ QUORVEL_AVFORMAT_API bool AVFormat_Convert_Stop(void* task);
  * Moves the input's read position to @p seconds (whole seconds on the input's
  * own timeline), landing on any frame, key frame or not.
  * Errors: ERROR_AVFORMAT_CONVERT_PARAMETER (null task, no input),
- *         ERROR_AVFORMAT_CONVERT_SEEK.
+ *         ERROR_AVFORMAT_CONVERT_SEEK (also seconds whose microseconds do
+ *         not fit in 64 bits, beyond about +-292,000 years).
  */
 QUORVEL_AVFORMAT_API bool AVFormat_Convert_Seek(void* task, long long seconds);
 

@@ -14,7 +14,7 @@ struct AVPACKET_FILE_CONVERT {
   void* lpReserved = nullptr;          // first argument of every progress call; never set
   double dlStartTime = 0.0;            // seconds; 0 or less: from the beginning
   double dlEndTime = 0.0;              // seconds; 0 or less: to the end
-  int nPacketCount = 0;                // packets of kept streams handled by the worker
+  int64_t nPacketCount = 0;            // packets of kept streams handled by the worker
   unsigned nStreamCount = 0;           // the input's number of streams
   std::unique_ptr<int[]> pnStreamMap;  // per input stream: its own index if kept, -1 if dropped
   std::atomic<bool> bRunning{false};

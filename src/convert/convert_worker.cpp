@@ -2,12 +2,33 @@
 // GetStatus, Seek and Stop.
 #include "convert/convert.h"
 #include "convert/convert_task.h"
+#include "core/checked.h"
 #include "core/error.h"
 #include "core/remux.h"
 #include "core/task.h"
 #include "core/worker.h"
 
 using quorvel::Fail;
+
+namespace {
+
+// Stop's steps once no worker runs, in this order: input closed, trailer
+// (only after a header), stream map, output file and context, input bridge,
+// output bridge; then the record.
+void Release(void* lpTask) {
+  auto* task = static_cast<AVPACKET_FILE_CONVERT*>(lpTask);
+  task->pInputContext.reset();
+  if (task->bHeaderWritten) av_write_trailer(task->pOutputContext.get());
+  task->pnStreamMap.reset();
+  task->pOutputContext.reset();
+  task->pInputIO.reset();
+  task->pInputBuffer.reset();
+  task->pOutputIO.reset();
+  task->pOutputBuffer.reset();
+  delete task;
+}
+
+}  // namespace
 
 bool CAVFormat_Convert::AVFormat_Convert_Start(void* lpTask) {
   quorvel::ClearError();
@@ -62,6 +83,7 @@ int CAVFormat_Convert::AVFormat_Convert_Thread(void* lpTask) {
     if (task->dlEndTime > 0.0 && seconds == task->dlEndTime) break;
   }
   task->bRunning = false;
+  quorvel::FinishOnExit(task->pThread, task->bAbort, Release, task);
   return 0;
 }
 
@@ -80,7 +102,9 @@ bool CAVFormat_Convert::AVFormat_Convert_Seek(void* lpTask, long long llSeconds)
   if (task == nullptr || !task->pInputContext) return Fail(ERROR_AVFORMAT_CONVERT_PARAMETER);
   // Whole seconds on the input's own timeline, in AV_TIME_BASE units; any frame may be the landing point.
   std::lock_guard<std::mutex> lock(task->mtxInput);
-  if (av_seek_frame(task->pInputContext.get(), -1, llSeconds * AV_TIME_BASE, AVSEEK_FLAG_ANY) < 0)
+  // Seconds whose microseconds do not fit in 64 bits are no position at all.
+  const int64_t target = quorvel::MultiplyTimes(llSeconds, AV_TIME_BASE);
+  if (target == AV_NOPTS_VALUE || av_seek_frame(task->pInputContext.get(), -1, target, AVSEEK_FLAG_ANY) < 0)
     return Fail(ERROR_AVFORMAT_CONVERT_SEEK);
   return true;
 }
@@ -90,19 +114,8 @@ bool CAVFormat_Convert::AVFormat_Convert_Stop(void* lpTask) noexcept {
   auto* task = static_cast<AVPACKET_FILE_CONVERT*>(lpTask);
   if (task == nullptr) return true;
 
-  // The worker is stopped first, so that nothing below runs under its feet.
-  quorvel::StopWorker(task->pThread, task->bRunning, task->bAbort);
-
-  // Then, in this order: input closed, trailer (only after a header), stream
-  // map, output file and context, input bridge, output bridge.
-  task->pInputContext.reset();
-  if (task->bHeaderWritten) av_write_trailer(task->pOutputContext.get());
-  task->pnStreamMap.reset();
-  task->pOutputContext.reset();
-  task->pInputIO.reset();
-  task->pInputBuffer.reset();
-  task->pOutputIO.reset();
-  task->pOutputBuffer.reset();
-  delete task;
+  // The worker is stopped first, so that nothing released runs under its feet;
+  // called on the worker's own thread, the worker releases the task as it ends.
+  if (quorvel::StopWorker(task->pThread, task->bRunning, task->bAbort)) Release(task);
   return true;
 }

@@ -2,6 +2,10 @@
 
 #include "core/error.h"
 
+extern "C" {
+#include <libavutil/opt.h>
+}
+
 namespace quorvel {
 namespace {
 
@@ -11,11 +15,22 @@ namespace {
 struct CallerEndpoint {
   IOFunction function;
   void* context;
+  // Inputs: the task's abort flag (set by Stop), or null.
+  const std::atomic<bool>* abort = nullptr;
 };
 
+// Holds FFmpeg to the read contract whatever the caller's function does: a
+// stopped task reads nothing more (the caller's function is not called, so
+// that Stop returns however it behaves); 0 bytes, the read(2) way of saying
+// end of file, is the end of input (FFmpeg 5.1 would retry forever); a count
+// above `size` is an error (FFmpeg would take bytes past its buffer).
 int ReadToCaller(void* opaque, uint8_t* buffer, int size) {
   auto* endpoint = static_cast<CallerEndpoint*>(opaque);
-  return endpoint->function(endpoint->context, buffer, size);
+  if (endpoint->abort != nullptr && endpoint->abort->load()) return AVERROR_EXIT;
+  const int result = endpoint->function(endpoint->context, buffer, size);
+  if (result == 0) return AVERROR_EOF;
+  if (result > size) return AVERROR(EIO);
+  return result;
 }
 
 int WriteToCaller(void* opaque, AVIOWriteBuffer buffer, int size) {
@@ -55,10 +70,15 @@ OpenResult OpenBridgeInput(InputContext& input, BridgeBuffer& buffer, BridgeIO& 
   if (!input || !buffer) return OpenResult::kNoMemory;
   io = MakeBridgeIO(buffer, read, opaque, false);
   if (!io) return OpenResult::kNoMemory;
+  static_cast<CallerEndpoint*>(io->opaque)->abort = static_cast<const std::atomic<bool>*>(interrupt.opaque);
   input->pb = io.get();
   // Marked as caller I/O before opening, so that closing the context never closes the bridge.
   input->flags |= AVFMT_FLAG_CUSTOM_IO;
   input->interrupt_callback = interrupt;
+  // The rule FFmpeg gives its own pipe input: the bytes come from somewhere
+  // the caller did not name, so what they ask to open (a playlist's segments)
+  // may only be decrypted or inline data, never a file or a network address.
+  if (av_opt_set(input.get(), "protocol_whitelist", kBridgeNestedProtocols, 0) < 0) return OpenResult::kNoMemory;
   AVFormatContext* context = input.release();
   const int result = avformat_open_input(&context, "nothing", nullptr, nullptr);
   input.reset(context);

@@ -17,6 +17,8 @@
 namespace quorvel {
 
 constexpr int kBridgeBufferSize = 0xA00000;
+// What an input read through the bridge may open itself (FFmpeg's rule for pipes).
+constexpr const char* kBridgeNestedProtocols = "crypto,data";
 
 using IOFunction = AVFORMAT_IO_FUNCTION;
 
@@ -62,7 +64,9 @@ enum class UrlBesideRead {
 // Opens `url`, or the bridge over `read` (called with `opaque`), or, as
 // `rule` says, both in turn into `input`, releasing what it held. The bridge
 // takes a buffer in `buffer` that `io` then owns. At least one of `url` and
-// `read` must be given.
+// `read` must be given. `interrupt` comes from InterruptOn: its flag also
+// stops the bridge's reads. An input opened by name keeps FFmpeg's defaults
+// for what it opens itself; a bridged one may open only kBridgeNestedProtocols.
 OpenResult OpenInput(InputContext& input, BridgeBuffer& buffer, BridgeIO& io, const char* url, IOFunction read,
                      void* opaque, UrlBesideRead rule, AVIOInterruptCB interrupt) noexcept;
 

@@ -3,8 +3,15 @@
 #include <cmath>
 #include <system_error>
 
+#include "core/checked.h"
+
 namespace quorvel {
 namespace {
+
+// Set on a worker's thread when Stop was called from it: the worker then
+// finishes the stop itself once its body returns. Each worker thread runs one
+// task, so the flag belongs to that task.
+thread_local bool stopped_from_worker = false;
 
 // trunc(value) as a timestamp; unset when it is not a finite 64-bit value.
 int64_t TruncatedTicks(double value) noexcept {
@@ -12,11 +19,22 @@ int64_t TruncatedTicks(double value) noexcept {
   return static_cast<int64_t>(value);
 }
 
+// Held while a worker's std::thread is made and stored: the worker waits for
+// it before its body runs, so that a Stop from its first progress call finds
+// the thread stored in the task (see OnWorkerThread).
+std::mutex launch_lock;
+
+void RunWorker(int (*body)(void*), void* task) {
+  { const std::lock_guard<std::mutex> stored(launch_lock); }
+  body(task);
+}
+
 }  // namespace
 
 bool StartWorker(std::thread& thread, int (*body)(void*), void* task) noexcept {
+  const std::lock_guard<std::mutex> storing(launch_lock);
   try {
-    thread = std::thread(body, task);
+    thread = std::thread(RunWorker, body, task);
   } catch (const std::system_error&) {
     return false;
   }
@@ -31,7 +49,17 @@ bool ReadNextPacket(const std::atomic<bool>& running, const std::atomic<bool>& p
   return av_read_frame(input, packet) >= 0;
 }
 
-void StopWorker(std::thread& thread, std::atomic<bool>& running, std::atomic<bool>& abort) noexcept {
+bool OnWorkerThread(const std::thread& thread) noexcept {
+  return thread.get_id() == std::this_thread::get_id();
+}
+
+bool StopWorker(std::thread& thread, std::atomic<bool>& running, std::atomic<bool>& abort) noexcept {
+  if (OnWorkerThread(thread)) {
+    abort = true;
+    running = false;
+    stopped_from_worker = true;
+    return false;
+  }
   if (thread.joinable()) {
     abort = true;
     running = false;
@@ -39,6 +67,15 @@ void StopWorker(std::thread& thread, std::atomic<bool>& running, std::atomic<boo
     abort = false;  // what follows (the trailer) may do I/O again
   }
   running = false;
+  return true;
+}
+
+void FinishOnExit(std::thread& thread, std::atomic<bool>& abort, void (*release)(void*), void* task) noexcept {
+  if (!stopped_from_worker || !OnWorkerThread(thread)) return;
+  stopped_from_worker = false;
+  thread.detach();  // the record that holds it is about to go
+  abort = false;    // what follows (the trailer) may do I/O again
+  release(task);
 }
 
 void SynthesizeTimestamps(AVPacket* packet, const AVStream* stream, int64_t number) noexcept {
@@ -49,7 +86,12 @@ void SynthesizeTimestamps(AVPacket* packet, const AVStream* stream, int64_t numb
     packet->pts = packet->dts = AV_NOPTS_VALUE;
     return;
   }
-  packet->pts = TruncatedTicks(static_cast<double>(number * frame_length) / ticks_per_microsecond);
+  const int64_t elapsed = MultiplyTimes(number, frame_length);
+  if (elapsed == AV_NOPTS_VALUE) {  // past the 64-bit range of microseconds
+    packet->pts = packet->dts = AV_NOPTS_VALUE;
+    return;
+  }
+  packet->pts = TruncatedTicks(static_cast<double>(elapsed) / ticks_per_microsecond);
   packet->dts = packet->pts;
   const int64_t duration = TruncatedTicks(static_cast<double>(frame_length) / ticks_per_microsecond);
   packet->duration = duration == AV_NOPTS_VALUE ? 0 : duration;

@@ -26,10 +26,24 @@ bool ReadNextPacket(const std::atomic<bool>& running, const std::atomic<bool>& p
 // Runs `body(task)` on `thread`. False when no joinable thread results.
 bool StartWorker(std::thread& thread, int (*body)(void*), void* task) noexcept;
 
-// Makes a worker leave its loop, also out of FFmpeg I/O that blocks (through
-// the interrupt callback that reads `abort`), and joins it. Afterwards the
-// task's objects are the caller's alone. Does nothing to a worker never started.
-void StopWorker(std::thread& thread, std::atomic<bool>& running, std::atomic<bool>& abort) noexcept;
+// True on the thread that `thread` runs: Stop was called from a progress
+// callback or a caller I/O function that the worker is running.
+bool OnWorkerThread(const std::thread& thread) noexcept;
+
+// Stop's first step. On any thread but the worker's: makes the worker leave
+// its loop, also out of FFmpeg I/O that blocks (through the interrupt callback
+// and the bridge, which read `abort`), joins it and returns true: the task's
+// objects are the caller's alone, and Stop releases them. Does nothing to a
+// worker never started. On the worker's own thread it cannot join: it clears
+// `running`, sets `abort` and returns false at once; the worker then leaves
+// its loop and FinishOnExit releases the task.
+bool StopWorker(std::thread& thread, std::atomic<bool>& running, std::atomic<bool>& abort) noexcept;
+
+// A worker body's last step. When Stop was called on this worker's thread,
+// detaches `thread`, clears `abort` and runs `release(task)`: the rest of the
+// family's Stop (trailer, release order, the record freed). Otherwise nothing:
+// Stop, called later on another thread, joins the worker and releases.
+void FinishOnExit(std::thread& thread, std::atomic<bool>& abort, void (*release)(void*), void* task) noexcept;
 
 // Gives a packet without a presentation time the times of packet number
 // `number` of `stream`, from the stream's frame rate:
@@ -37,7 +51,8 @@ void StopWorker(std::thread& thread, std::atomic<bool>& running, std::atomic<boo
 //   pts = dts = trunc(number * F / (time_base * 1e6)),
 //   duration = trunc(F / (time_base * 1e6)),
 // each step in double precision, truncated toward zero. A frame rate or time
-// base of 0 leaves the times unset (AV_NOPTS_VALUE) instead.
+// base of 0, or a number * F beyond 64 bits (a tiny frame rate), leaves pts
+// and dts unset (AV_NOPTS_VALUE) instead.
 void SynthesizeTimestamps(AVPacket* packet, const AVStream* stream, int64_t number) noexcept;
 
 }  // namespace quorvel

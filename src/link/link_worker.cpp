@@ -2,6 +2,7 @@
 // GetStatus and Stop.
 #include <thread>
 
+#include "core/checked.h"
 #include "core/error.h"
 #include "core/task.h"
 #include "core/worker.h"
@@ -24,10 +25,12 @@ struct Timeline {
 
   void BeginInput() { last_pts = last_dts = count = 0; }
 
-  // Shifts a routed packet onto the joined timeline. An unset time stays unset.
+  // Shifts a routed packet onto the joined timeline. An unset time stays
+  // unset; a time that the shift takes past 64 bits becomes unset, and so
+  // does every later time of this timeline.
   void Shift(AVPacket* packet) {
-    if (packet->pts != AV_NOPTS_VALUE) last_pts = packet->pts += pts_offset;
-    if (packet->dts != AV_NOPTS_VALUE) last_dts = packet->dts += dts_offset;
+    if (packet->pts != AV_NOPTS_VALUE) last_pts = packet->pts = quorvel::AddTimes(packet->pts, pts_offset);
+    if (packet->dts != AV_NOPTS_VALUE) last_dts = packet->dts = quorvel::AddTimes(packet->dts, dts_offset);
     ++count;
   }
 
@@ -35,8 +38,8 @@ struct Timeline {
   // packet, the spacing being estimated as last / count.
   void EndInput() {
     if (count <= 0) return;
-    pts_offset = last_pts + last_pts / count;
-    dts_offset = last_dts + last_dts / count;
+    pts_offset = quorvel::AddTimes(last_pts, last_pts / count);
+    dts_offset = quorvel::AddTimes(last_dts, last_dts / count);
     total += count;
   }
 
@@ -107,6 +110,17 @@ void CopyInput(AVPACKET_FILELINK* task, const AVPACKET_LINKINFO& element, AVPack
   }
 }
 
+// Stop's steps once no worker runs, in this order: trailer (only after a
+// header), inputs front to back, the list, output file and context; then the record.
+void Release(void* lpTask) {
+  auto* task = static_cast<AVPACKET_FILELINK*>(lpTask);
+  if (task->bHeaderWritten) av_write_trailer(task->pOutputContext.get());
+  for (AVPACKET_LINKINFO& element : task->pInputList) element.pInputContext.reset();
+  task->pInputList.clear();
+  task->pOutputContext.reset();
+  delete task;
+}
+
 }  // namespace
 
 bool CAVFormat_Link::AVFormat_Link_Start(void* lpTask) {
@@ -139,6 +153,7 @@ int CAVFormat_Link::AVFormat_Link_Thread(void* lpTask) {
     timelines.video.EndInput();
   }
   task->bRunning = false;
+  quorvel::FinishOnExit(task->pThread, task->bAbort, Release, task);
   return 0;
 }
 
@@ -160,15 +175,8 @@ bool CAVFormat_Link::AVFormat_Link_Stop(void* lpTask) noexcept {
 
   // The worker ends the current input at its next read and passes the others
   // by one read each; a blocking read is aborted. A paused worker is not woken:
-  // the join waits until the caller resumes it.
-  quorvel::StopWorker(task->pThread, task->bRunning, task->bAbort);
-
-  // Then, in this order: trailer (only after a header), inputs front to back,
-  // the list, output file and context.
-  if (task->bHeaderWritten) av_write_trailer(task->pOutputContext.get());
-  for (AVPACKET_LINKINFO& element : task->pInputList) element.pInputContext.reset();
-  task->pInputList.clear();
-  task->pOutputContext.reset();
-  delete task;
+  // the join waits until the caller resumes it. Called on the worker's own
+  // thread, Stop returns at once and the worker releases the task as it ends.
+  if (quorvel::StopWorker(task->pThread, task->bRunning, task->bAbort)) Release(task);
   return true;
 }

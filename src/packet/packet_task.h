@@ -14,7 +14,7 @@ struct AVPACKET_FILE_AVINFO {
   int nMediaType = 0;           // media type of the last mapped stream, for the progress callback
   int nOutputStream = 0;        // output stream of the last mapped stream
   int nInputStream = 0;         // the last mapped stream
-  int nPacketCount = 0;         // packets of this input handled by the worker
+  int64_t nPacketCount = 0;     // packets of this input handled by the worker
   AVRational stTimeBase{0, 0};  // recorded for a non-video mapping, never read
   // Declared in this order so that the context is closed before its bridge goes.
   quorvel::BridgeIO pInputIO;

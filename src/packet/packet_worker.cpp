@@ -52,6 +52,27 @@ bool CarryOnePacket(AVPACKET_FILE_PACKET* task, AVPACKET_FILE_AVINFO& input, AVP
   return !(task->dlEndTime > 0.0 && seconds == task->dlEndTime);
 }
 
+// Stop's steps once no worker runs, in this order: trailer (only after a
+// header), each input with its bridge, the output's bridge, the output's file
+// and context; then the record.
+void Release(void* lpTask) {
+  auto* task = static_cast<AVPACKET_FILE_PACKET*>(lpTask);
+  AVFormatContext* output = task->pOutputContext.get();
+  if (task->bHeaderOk) av_write_trailer(output);
+  for (AVPACKET_FILE_AVINFO& input : task->pInputList) {
+    input.pInputContext.reset();
+    input.pInputIO.reset();
+    input.pInputBuffer.reset();
+  }
+  task->pInputList.clear();
+  // The bridge is released once, here, never through the output context.
+  if (output != nullptr && task->pOutputIO && output->pb == task->pOutputIO.get()) output->pb = nullptr;
+  task->pOutputIO.reset();
+  task->pOutputBuffer.reset();
+  task->pOutputContext.reset();
+  delete task;
+}
+
 }  // namespace
 
 bool CAVFormat_Packet::AVFormat_Packet_Start(void* lpTask) {
@@ -93,6 +114,7 @@ int CAVFormat_Packet::AVFormat_Packet_Thread(void* lpTask) {
     }
   }
   task->bRunning = false;
+  quorvel::FinishOnExit(task->pThread, task->bAbort, Release, task);
   return 0;
 }
 
@@ -111,24 +133,8 @@ bool CAVFormat_Packet::AVFormat_Packet_Stop(void* lpTask) noexcept {
   if (task == nullptr) return true;
 
   // The worker is stopped first, also out of a blocking read or write, so that
-  // nothing below runs under its feet. A task that never started has none.
-  quorvel::StopWorker(task->pThread, task->bRunning, task->bAbort);
-
-  // Then, in this order: trailer (only after a header), each input with its
-  // bridge, the output's bridge, the output's file and context.
-  AVFormatContext* output = task->pOutputContext.get();
-  if (task->bHeaderOk) av_write_trailer(output);
-  for (AVPACKET_FILE_AVINFO& input : task->pInputList) {
-    input.pInputContext.reset();
-    input.pInputIO.reset();
-    input.pInputBuffer.reset();
-  }
-  task->pInputList.clear();
-  // The bridge is released once, here, never through the output context.
-  if (output != nullptr && task->pOutputIO && output->pb == task->pOutputIO.get()) output->pb = nullptr;
-  task->pOutputIO.reset();
-  task->pOutputBuffer.reset();
-  task->pOutputContext.reset();
-  delete task;
+  // nothing released runs under its feet (a task that never started has none);
+  // called on the worker's own thread, the worker releases the task as it ends.
+  if (quorvel::StopWorker(task->pThread, task->bRunning, task->bAbort)) Release(task);
   return true;
 }

@@ -12,7 +12,7 @@
 // One output: a container that holds the packets of one input stream.
 struct AVPACKET_FILE_INFO {
   AVCODEC_FORMATINFO FormatInfo{};        // the caller's record, copied
-  int nPacketCount = 0;                   // packets of this output handled by the worker
+  int64_t nPacketCount = 0;               // packets of this output handled by the worker
   quorvel::BridgeBuffer pIOBuffer;        // caller-write outputs only
   quorvel::BridgeIO pIOContext;           // caller-write outputs only
   quorvel::OutputContext pFormatContext;  // one stream, header written

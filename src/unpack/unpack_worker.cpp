@@ -23,6 +23,24 @@ bool CAVFormat_UNPack::AVFormat_UNPack_Start(void* lpTask) {
 
 namespace {
 
+// Stop's steps once no worker runs, in this order: input closed; per output,
+// trailer (every output in the list has its header), file, context and
+// bridge; the input's bridge; then the record.
+void Release(void* lpTask) {
+  auto* task = static_cast<AVPACKET_FILE_UNPACK*>(lpTask);
+  task->pFormatContext.reset();
+  for (AVPACKET_FILE_INFO& info : task->pInfoList) {
+    av_write_trailer(info.pFormatContext.get());
+    info.pFormatContext.reset();
+    info.pIOContext.reset();
+    info.pIOBuffer.reset();
+  }
+  task->pInfoList.clear();
+  task->pIOContext.reset();
+  task->pIOBuffer.reset();
+  delete task;
+}
+
 // The first output that claims the stream, or null.
 AVPACKET_FILE_INFO* OutputOf(std::list<AVPACKET_FILE_INFO>& outputs, int stream_index) {
   for (AVPACKET_FILE_INFO& info : outputs)
@@ -66,6 +84,7 @@ int CAVFormat_UNPack::AVFormat_UNPack_Thread(void* lpTask) {
     if (format.dlEndTime > 0.0 && seconds == format.dlEndTime) break;
   }
   task->bRunning = false;
+  quorvel::FinishOnExit(task->pThread, task->bAbort, Release, task);
   return 0;
 }
 
@@ -97,21 +116,8 @@ bool CAVFormat_UNPack::AVFormat_UNPack_Stop(void* lpTask) noexcept {
   auto* task = static_cast<AVPACKET_FILE_UNPACK*>(lpTask);
   if (task == nullptr) return true;
 
-  // The worker is stopped first, so that nothing below runs under its feet.
-  quorvel::StopWorker(task->pThread, task->bRunning, task->bAbort);
-
-  // Then, in this order: input closed; per output, trailer (every output in
-  // the list has its header), file, context and bridge; the input's bridge.
-  task->pFormatContext.reset();
-  for (AVPACKET_FILE_INFO& info : task->pInfoList) {
-    av_write_trailer(info.pFormatContext.get());
-    info.pFormatContext.reset();
-    info.pIOContext.reset();
-    info.pIOBuffer.reset();
-  }
-  task->pInfoList.clear();
-  task->pIOContext.reset();
-  task->pIOBuffer.reset();
-  delete task;
+  // The worker is stopped first, so that nothing released runs under its feet;
+  // called on the worker's own thread, the worker releases the task as it ends.
+  if (quorvel::StopWorker(task->pThread, task->bRunning, task->bAbort)) Release(task);
   return true;
 }
