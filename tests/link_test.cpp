@@ -10,7 +10,7 @@
 
 namespace {
 
-using qtest::SyntheticStream;
+using namespace qtest;
 
 // Synthetic packets are not decodable; their decoders' complaints are noise here.
 const int kQuietLog = (av_log_set_level(AV_LOG_FATAL), 0);
@@ -30,8 +30,8 @@ std::string Synthetic(const std::string& name, int video, int audio, int other, 
   if (video > 0) streams.push_back({AVMEDIA_TYPE_VIDEO, AV_CODEC_ID_MJPEG, base, video, 0, step});
   if (audio > 0) streams.push_back({AVMEDIA_TYPE_AUDIO, AV_CODEC_ID_PCM_S16LE, {1, 25}, audio});
   if (other > 0) streams.push_back({AVMEDIA_TYPE_VIDEO, AV_CODEC_ID_FFV1, base, other});
-  const std::string path = qtest::TempPath(name + ".mkv");
-  qtest::WriteSynthetic(path, "matroska", streams);
+  const std::string path = TempPath(name + ".mkv");
+  WriteSynthetic(path, "matroska", streams);
   return path;
 }
 
@@ -45,9 +45,9 @@ std::vector<int64_t> Ramps(const std::vector<std::pair<int64_t, int64_t>>& ramps
 
 // The codec of the first stream of `type` in the first input that has one.
 std::string DescribedFrom(const std::vector<LinkInput>& inputs, const std::string& type) {
-  static std::map<std::string, std::vector<qtest::ProbeStream>> probed;
+  static std::map<std::string, std::vector<ProbeStream>> probed;
   for (const LinkInput& in : inputs) {
-    if (!probed.count(in.file)) probed[in.file] = qtest::ProbeStreams(in.file);
+    if (!probed.count(in.file)) probed[in.file] = ProbeStreams(in.file);
     for (const auto& stream : probed[in.file])
       if (stream.codec_type == type) return stream.codec_name;
   }
@@ -64,9 +64,9 @@ std::string DescribedFrom(const std::vector<LinkInput>& inputs, const std::strin
 //  - one progress call per routed packet, cut or not, numbered per kind from 1
 //    over all inputs; and the task ending by itself.
 TEST(LinkJoin, WritesWhatTheCallerAsks) {
-  const std::string clip = qtest::VideoAudioClip("mkv");
-  const auto source = qtest::ProbePackets(clip);
-  const size_t v = qtest::OfStream(source, 0).size(), a = qtest::OfStream(source, 1).size();
+  const std::string clip = VideoAudioClip("mkv");
+  const auto source = ProbePackets(clip);
+  const size_t v = OfStream(source, 0).size(), a = OfStream(source, 1).size();
   const std::string av = Synthetic("av", 40, 30, 0), audio_only = Synthetic("a", 0, 30, 0);
   const std::string two_videos = Synthetic("ava", 40, 30, 20), four_seconds = Synthetic("four", 100, 0, 0);
   const std::string ones = Synthetic("ones", 100, 0, 0, 1, {1, 1000}),
@@ -101,24 +101,24 @@ TEST(LinkJoin, WritesWhatTheCallerAsks) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.name) + " into " + c.container);
-    const std::string output = qtest::TempPath("joined." + c.container);
-    qtest::ProgressLog log;
-    void* task = AVFormat_Link_Init(qtest::ProgressLog::Record, &log);
+    const std::string output = TempPath("joined." + c.container);
+    ProgressLog log;
+    void* task = AVFormat_Link_Init(ProgressLog::Record, &log);
     ASSERT_TRUE(AVFormat_Link_Output(task, output.c_str()));
     for (const LinkInput& in : c.inputs)
       ASSERT_TRUE(AVFormat_Link_Input(task, in.file.c_str(), in.start, in.end, in.video, in.audio));
     ASSERT_TRUE(AVFormat_Link_Start(task));
     bool running = true;
-    EXPECT_TRUE(qtest::WaitUntil([&] { return AVFormat_Link_GetStatus(task, &running) && !running; }));
+    EXPECT_TRUE(WaitUntil([&] { return AVFormat_Link_GetStatus(task, &running) && !running; }));
     EXPECT_TRUE(AVFormat_Link_Stop(task));
 
-    const auto streams = qtest::ProbeStreams(output);
-    const auto packets = qtest::ProbePackets(output);
+    const auto streams = ProbeStreams(output);
+    const auto packets = ProbePackets(output);
     ASSERT_EQ(streams.size(), c.types.size());
     for (size_t s = 0; s < streams.size(); ++s) {
       EXPECT_EQ(streams[s].codec_type, c.types[s]) << s;
       EXPECT_EQ(streams[s].codec_name, DescribedFrom(c.inputs, c.types[s])) << s;
-      const auto written = qtest::OfStream(packets, static_cast<int>(s));
+      const auto written = OfStream(packets, static_cast<int>(s));
       EXPECT_EQ(written.size(), c.packets[s]) << s;
       std::vector<int64_t> pts;
       for (size_t i = 0; i < written.size(); ++i) {
@@ -138,7 +138,7 @@ TEST(LinkJoin, WritesWhatTheCallerAsks) {
 // task is then stopped, whatever state the failure left it in (never started,
 // header refused, worker running).
 TEST(LinkErrors, RefusedCallsGiveTheirCodes) {
-  const std::string clip = qtest::VideoAudioClip("mkv"), out = qtest::TempPath("refused.mkv");
+  const std::string clip = VideoAudioClip("mkv"), out = TempPath("refused.mkv");
   const auto output = [&](void* t) { return AVFormat_Link_Output(t, out.c_str()); };
   const auto input = [&](void* t) { return AVFormat_Link_Input(t, clip.c_str(), 0, 0, 0, 1); };
   const auto start = [](void* t) { return AVFormat_Link_Start(t); };
@@ -162,7 +162,7 @@ TEST(LinkErrors, RefusedCallsGiveTheirCodes) {
   for (const auto& c : cases) {
     void* task = AVFormat_Link_Init(nullptr, nullptr);
     EXPECT_FALSE(c.call(task)) << c.name;
-    EXPECT_EQ(qtest::LastError(), (qtest::ErrorState{true, c.code})) << c.name;
+    EXPECT_EQ(LastError(), (ErrorState{true, c.code})) << c.name;
     EXPECT_TRUE(AVFormat_Link_Stop(task)) << c.name;
   }
 }
