@@ -188,7 +188,7 @@ TEST(PacketMux, StartAndEndTimes) {
 // stream from GetAVCodec, then every packet as Read hands it out; the file
 // that comes out holds the input's packets.
 TEST(PacketStream, RebuildsAFileFromDemultiplexedPackets) {
-  const std::string input = VideoAudioClip("mkv"), output = TempPath("rebuilt.mkv");
+  const std::string input = VideoAudioClip("mkv"), output = TempPath("rebuilt.mp4");
   void* unpack = AVFormat_UNPack_Init(nullptr, nullptr);
   ASSERT_TRUE(AVFormat_UNPack_Input(unpack, input.c_str(), nullptr, nullptr));
   void* task = AVFormat_Packet_Init(nullptr, nullptr);
@@ -260,7 +260,7 @@ TEST(PacketErrors, RefusedCallsGiveTheirCodes) {
   const std::string file = TempPath("errors.mkv");
   AVCODEC_TIMEBASE base{1, 25};
   const uint8_t data[8] = {};
-  MemoryReader empty(std::vector<uint8_t>{});
+  MemoryReader empty(std::vector<uint8_t>{}), video(ReadFile(VideoFile()));
   MemoryWriter writer;
   const auto output = [&](void* t) { return AVFormat_Packet_Output(t, file.c_str(), 0, 0, nullptr, nullptr); };
   const auto input = [&](void* t) { return AVFormat_Packet_Input(t, VideoFile().c_str(), nullptr, nullptr); };
@@ -288,6 +288,7 @@ TEST(PacketErrors, RefusedCallsGiveTheirCodes) {
       {"Output: after Start", kStarted, output, kParameter},
       {"Input: before Output", kInit, input, kParameter},
       {"Input: nothing to open", kOutput, [](void* t) { return AVFormat_Packet_Input(t, nullptr, nullptr, nullptr); }, kParameter},
+      {"Input: a url beside a read function is opened first", kOutput, [&](void* t) { return AVFormat_Packet_Input(t, "/nonexistent.mkv", MemoryReader::Read, &video); }, ERROR_AVFORMAT_PACKET_OPEN},
       {"Input: no memory", kOutput, [&](void* t) { return scarce([&] { return AVFormat_Packet_Input(t, nullptr, MemoryReader::Read, &empty); }); }, kMalloc},
       {"Input: after Start", kStarted, input, kParameter},
       {"Start: before Output", kInit, AVFormat_Packet_Start, kParameter},
