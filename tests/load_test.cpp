@@ -31,8 +31,9 @@ struct Job {
       : reader(ReadFile(LoadClip(family))), task(family, std::chrono::microseconds(dice % 3000)) {
     const bool caller_io = family != Family::kLink;
     source = caller_io && dice / 3000 % 3 == 0 ? Source{"", &reader} : Source{LoadClip(family)};
-    sink = caller_io && dice / 9000 % 3 == 0 ? Sink{"matroska", &writer}
-                                             : Sink{TempPath("load-" + std::to_string(index) + (index % 3 ? ".nut" : ".ts"))};
+    sink = caller_io && dice / 9000 % 3 == 0
+               ? Sink{"matroska", &writer}
+               : Sink{TempPath("load-" + std::to_string(index) + (index % 3 ? ".nut" : ".ts"))};
   }
   MemoryReader reader;
   MemoryWriter writer;

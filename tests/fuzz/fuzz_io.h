@@ -35,7 +35,9 @@ struct ByteSource {
   }
 };
 
-inline int Discard(void*, unsigned char*, int size) { return size; }
+inline int Discard(void*, unsigned char*, int size) {
+  return size;
+}
 inline void IgnoreProgress(void*, int, long long, double, void*) {}
 
 // Waits until `status` reports that the worker has ended. A worker that never
@@ -51,14 +53,13 @@ inline void WaitForEnd(bool (*status)(void*, bool*), void* task) {
 // multiplexing): the fuzz data through the caller read function, `format`
 // written through the caller write function, the worker run to its end. A
 // started multiplexing task must have a progress callback.
-#define QFUZZ_BRIDGED_WORKER(Family, format)                                                                   \
-  extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {                                   \
-    qfuzz::ByteSource source{data, size};                                                                      \
-    void* task = AVFormat_##Family##_Init(qfuzz::IgnoreProgress, nullptr);                                     \
-    if (task != nullptr && AVFormat_##Family##_Output(task, format, 0.0, 0.0, qfuzz::Discard, nullptr) &&      \
-        AVFormat_##Family##_Input(task, nullptr, qfuzz::ByteSource::Read, &source) &&                          \
-        AVFormat_##Family##_Start(task))                                                                       \
-      qfuzz::WaitForEnd(AVFormat_##Family##_GetStatus, task);                                                  \
-    AVFormat_##Family##_Stop(task);                                                                            \
-    return 0;                                                                                                  \
+#define QFUZZ_BRIDGED_WORKER(Family, format)                                                                           \
+  extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {                                            \
+    qfuzz::ByteSource source{data, size};                                                                              \
+    void* task = AVFormat_##Family##_Init(qfuzz::IgnoreProgress, nullptr);                                             \
+    if (task != nullptr && AVFormat_##Family##_Output(task, format, 0.0, 0.0, qfuzz::Discard, nullptr) &&              \
+        AVFormat_##Family##_Input(task, nullptr, qfuzz::ByteSource::Read, &source) && AVFormat_##Family##_Start(task)) \
+      qfuzz::WaitForEnd(AVFormat_##Family##_GetStatus, task);                                                          \
+    AVFormat_##Family##_Stop(task);                                                                                    \
+    return 0;                                                                                                          \
   }

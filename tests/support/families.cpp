@@ -7,17 +7,30 @@
 namespace qtest {
 namespace {
 
-// The calls every family has, in the order of Family.
+// The calls of each family, in the order of Family; concatenation has other
+// set-up calls and demultiplexing another Output.
 struct Calls {
   void* (*init)(AVFORMAT_PROGRESS_CALLBACK, void*);
+  bool (*input)(void*, const char*, AVFORMAT_IO_FUNCTION, void*);
+  bool (*output)(void*, const char*, double, double, AVFORMAT_IO_FUNCTION, void*);
   bool (*start)(void*);
   bool (*suspend)(void*, bool);
   bool (*status)(void*, bool*);
   bool (*stop)(void*);
 };
-#define CALLS(F) {AVFormat_##F##_Init, AVFormat_##F##_Start, AVFormat_##F##_Suspend, AVFormat_##F##_GetStatus, AVFormat_##F##_Stop}
-const Calls kCalls[] = {CALLS(Convert), CALLS(UNPack), CALLS(Packet), CALLS(Link)};
-const Calls& Of(Family family) { return kCalls[static_cast<int>(family)]; }
+const Calls kCalls[] = {
+    {AVFormat_Convert_Init, AVFormat_Convert_Input, AVFormat_Convert_Output, AVFormat_Convert_Start,
+     AVFormat_Convert_Suspend, AVFormat_Convert_GetStatus, AVFormat_Convert_Stop},
+    {AVFormat_UNPack_Init, AVFormat_UNPack_Input, nullptr, AVFormat_UNPack_Start, AVFormat_UNPack_Suspend,
+     AVFormat_UNPack_GetStatus, AVFormat_UNPack_Stop},
+    {AVFormat_Packet_Init, AVFormat_Packet_Input, AVFormat_Packet_Output, AVFormat_Packet_Start,
+     AVFormat_Packet_Suspend, AVFormat_Packet_GetStatus, AVFormat_Packet_Stop},
+    {AVFormat_Link_Init, nullptr, nullptr, AVFormat_Link_Start, AVFormat_Link_Suspend, AVFormat_Link_GetStatus,
+     AVFormat_Link_Stop},
+};
+const Calls& Of(Family family) {
+  return kCalls[static_cast<int>(family)];
+}
 
 }  // namespace
 
@@ -34,8 +47,8 @@ const Codes& CodesOf(Family family) {
       // The multiplexing range has no code of its own for unreadable stream information.
       {E(PACKET_PARAMETER), E(PACKET_PARAMETER), E(PACKET_STATUS), E(PACKET_OPEN), E(PACKET_OUTPUTFORMAT),
        E(PACKET_PARAMETER), E(PACKET_CODECPAR), E(PACKET_WRITEHEADER)},
-      {E(LINK_PARAMETER), E(PACKET_PARAMETER), E(PACKET_STATUS), E(LINK_OPEN), E(LINK_OUTPUTFORMAT),
-       E(LINK_STREAMINFO), E(LINK_CODECPAR), E(LINK_WRITEHEADER)}};
+      {E(LINK_PARAMETER), E(PACKET_PARAMETER), E(PACKET_STATUS), E(LINK_OPEN), E(LINK_OUTPUTFORMAT), E(LINK_STREAMINFO),
+       E(LINK_CODECPAR), E(LINK_WRITEHEADER)}};
 #undef E
   return codes[family == Family::kConvert ? 0 : family == Family::kLink ? 2 : 1];
 }
@@ -62,32 +75,23 @@ bool AnyTask::Input(const std::vector<Source>& sources) {
   bool ok = !sources.empty();
   for (const Source& s : sources) {
     const char* url = s.reader != nullptr && s.url.empty() ? nullptr : s.url.c_str();
-    const AVFORMAT_IO_FUNCTION read = s.reader != nullptr ? MemoryReader::Read : nullptr;
-    switch (family) {
-      case Family::kConvert: return Check(AVFormat_Convert_Input(handle_, url, read, s.reader));
-      case Family::kUnpack: return Check(AVFormat_UNPack_Input(handle_, url, read, s.reader));
-      case Family::kPacket: ok = ok && Check(AVFormat_Packet_Input(handle_, url, read, s.reader)); break;
-      case Family::kLink: ok = ok && Check(AVFormat_Link_Input(handle_, url, 0, 0, 0, 1));
-    }
+    ok = ok && Check(family == Family::kLink
+                         ? AVFormat_Link_Input(handle_, url, 0, 0, 0, 1)
+                         : Of(family).input(handle_, url, s.reader ? MemoryReader::Read : nullptr, s.reader));
+    if (family == Family::kConvert || family == Family::kUnpack) break;
   }
   return ok;
 }
 
 bool AnyTask::Output(const Sink& sink) {
-  const char* name = sink.name.c_str();
   const AVFORMAT_IO_FUNCTION write = sink.writer != nullptr ? MemoryWriter::Write : nullptr;
+  if (family == Family::kLink) return Check(AVFormat_Link_Output(handle_, sink.name.c_str()));
+  if (family != Family::kUnpack) return Check(Of(family).output(handle_, sink.name.c_str(), 0, 0, write, sink.writer));
   AVCODEC_FORMATINFO record{};
-  AVCODEC_FORMATINFO* records[] = {&record};
-  AVCODEC_FORMATINFO** list = records;
-  switch (family) {
-    case Family::kConvert: return Check(AVFormat_Convert_Output(handle_, name, 0, 0, write, sink.writer));
-    case Family::kPacket: return Check(AVFormat_Packet_Output(handle_, name, 0, 0, write, sink.writer));
-    case Family::kLink: return Check(AVFormat_Link_Output(handle_, name));
-    case Family::kUnpack: break;
-  }
-  std::snprintf(record.szName, sizeof record.szName, "%s", name);
+  std::snprintf(record.szName, sizeof record.szName, "%s", sink.name.c_str());
   record.pWriteFunc = write;
   record.pWriteContext = sink.writer;
+  AVCODEC_FORMATINFO *records[] = {&record}, **list = records;
   return Check(AVFormat_UNPack_Output(handle_, &list, 1));
 }
 
@@ -115,9 +119,15 @@ bool AnyTask::Reach(Stage stage, const std::vector<Source>& sources, const Sink&
   return paused;
 }
 
-bool AnyTask::Start() { return Check(Of(family).start(handle_)); }
-bool AnyTask::Suspend(bool pause) { return Check(Of(family).suspend(handle_, pause)); }
-bool AnyTask::Status(bool* running) { return Check(Of(family).status(handle_, running)); }
+bool AnyTask::Start() {
+  return Check(Of(family).start(handle_));
+}
+bool AnyTask::Suspend(bool pause) {
+  return Check(Of(family).suspend(handle_, pause));
+}
+bool AnyTask::Status(bool* running) {
+  return Check(Of(family).status(handle_, running));
+}
 
 bool AnyTask::Running() {
   bool running = false;
@@ -148,7 +158,9 @@ bool AnyTask::StopFromAnotherThread(std::chrono::milliseconds after) {
   return early;
 }
 
-std::vector<uint8_t> Bytes(const Sink& sink) { return sink.writer != nullptr ? sink.writer->data : ReadFile(sink.name); }
+std::vector<uint8_t> Bytes(const Sink& sink) {
+  return sink.writer != nullptr ? sink.writer->data : ReadFile(sink.name);
+}
 
 std::vector<ProbePacket> ProbeOutput(const Sink& sink) {
   if (sink.writer == nullptr) return ProbePackets(sink.name);
