@@ -54,13 +54,16 @@
  * waits until it is resumed.
  *
  * Inputs named by the caller (a file name or URL) are opened with FFmpeg's
- * defaults, and so are what they in turn open: a playlist (HLS, DASH, concat
- * lists) or a reference file may open other local files and network URLs
- * (http, https, tcp, udp, rtp, ...) that its content names. Open only names
- * whose content you trust or that may reach those places; an opt-in strict
- * policy is planned. Inputs read through a caller read function follow
- * FFmpeg's rule for pipes instead: what they open in turn is limited to the
- * crypto and data protocols, so no file and no network address.
+ * defaults, and so is what their content opens in turn (a playlist's
+ * segments and keys, a concat list's files, a reference file): each protocol
+ * lets nested opens use the protocols on its own default list. From a local
+ * file name that is file, crypto and data: any local file the content names
+ * (a segment "../other/private.ts"), but no network. From an http or https
+ * URL it is http, https, tls, tcp, udp, rtp, crypto, httpproxy and data: any
+ * host the content names, but no local file. Name only inputs whose content
+ * may reach those places; an opt-in strict policy is planned. Inputs read
+ * through a caller read function get FFmpeg's rule for pipes instead: nested
+ * opens are limited to crypto and data, so no file and no network address.
  *
  * Valid C (C99 and later) and C++.
  */

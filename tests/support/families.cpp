@@ -64,6 +64,7 @@ void AnyTask::Progress(void* reserved, int type, long long number, double second
     while (!self->released) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   std::this_thread::sleep_for(self->delay_);
+  if (self->on_progress) self->on_progress();
 }
 
 bool AnyTask::Check(bool ok) {

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -75,6 +76,7 @@ class AnyTask {
   uint64_t code = 0;
   long long hold_at = 0;
   std::atomic<bool> held{false}, released{false};
+  std::function<void()> on_progress;  // if set, run at the end of every progress call, on the worker
 
  private:
   bool Check(bool ok);

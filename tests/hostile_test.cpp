@@ -1,0 +1,127 @@
+// What hostile input and careless callers do to a task: read functions that
+// break the read contract, Stop from inside the task's own progress callback,
+// playlists that reach for other files and the network, and seconds beyond 64
+// bits of microseconds.
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <filesystem>
+
+#include "support/families.h"
+#include "support/server.h"
+
+namespace qtest {
+namespace {
+
+std::vector<uint8_t> Bytes(const std::string& text) {
+  return {text.begin(), text.end()};
+}
+
+// A read function that delivers `bytes` (half of them when it fails) and then
+// says 0 forever, or claims more than it was asked for from its first call,
+// or stalls on endless zero bytes, or fails (the control: a reader that keeps
+// the contract).
+enum class Misread { kZero, kTooMuch, kStalls, kFails };
+struct HostileReader {
+  std::vector<uint8_t> bytes;
+  Misread how;
+  size_t at = 0;
+  std::atomic<bool> stalled{false};
+  static int Read(void* context, unsigned char* buffer, int size) {
+    auto* self = static_cast<HostileReader*>(context);
+    const size_t count =
+        std::min((self->how == Misread::kFails ? self->bytes.size() / 2 : self->bytes.size()) - self->at,
+                 static_cast<size_t>(size));
+    std::memcpy(buffer, self->bytes.data() + self->at, count);
+    self->at += count;
+    if (count > 0 || self->how != Misread::kStalls)
+      return count > 0 ? (self->how == Misread::kTooMuch ? size + 1 : static_cast<int>(count))
+                       : (self->how == Misread::kFails ? AVERROR(EIO) : 0);
+    self->stalled = true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::memset(buffer, 0, static_cast<size_t>(std::min(size, 4096)));
+    return std::min(size, 4096);
+  }
+};
+
+TEST(HostileReaders, EndTheRunOrAreRefusedAtInputAndStopReturnsWithinASecond) {
+  bool (*const inputs[])(void*, const char*, AVFORMAT_IO_FUNCTION, void*) = {
+      AVFormat_Convert_Input, AVFormat_UNPack_Input, AVFormat_Packet_Input};
+  const std::vector<uint8_t> clip = ReadFile(Clip("long.mkv", "-f lavfi -i testsrc=d=20:s=32x24:r=25 -c:v mpeg4"));
+  for (Family family : {Family::kConvert, Family::kUnpack, Family::kPacket})
+    for (Misread how : {Misread::kZero, Misread::kTooMuch, Misread::kStalls, Misread::kFails}) {
+      SCOPED_TRACE(std::string(Name(family)) + ", misread " + std::to_string(static_cast<int>(how)));
+      HostileReader reader{clip, how};
+      AnyTask task(family);
+      const Sink sink{TempPath("misread.mkv")};
+      const bool input_first = family == Family::kUnpack;
+      const bool opened = (input_first || task.Output(sink)) &&
+                          inputs[static_cast<int>(family)](task.handle(), nullptr, HostileReader::Read, &reader);
+      ASSERT_EQ(opened, how != Misread::kTooMuch);
+      if (!opened) {
+        EXPECT_EQ(AVFormat_GetLastError(nullptr), CodesOf(family).open);
+        continue;
+      }
+      ASSERT_TRUE((!input_first || task.Output(sink)) && task.Start());
+      const bool stalls = how == Misread::kStalls;
+      EXPECT_TRUE(stalls ? WaitUntil([&] { return reader.stalled.load(); }) : task.WaitForEnd());
+      EXPECT_TRUE(stalls ? task.StopFromAnotherThread(std::chrono::seconds(1)) : task.Stop());
+      EXPECT_FALSE(ProbeOutput(sink).empty());
+    }
+}
+
+// Stop at the third progress call; the worker ends the task itself, and an
+// MP4 file, which has no index until its trailer, shows that it did.
+TEST(StopInsideProgressCallback, ReturnsAtOnceAndTheWorkerWritesTheTrailer) {
+  const auto threads = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); };
+  for (Family family : kFamilies) {
+    SCOPED_TRACE(Name(family));
+    AnyTask task(family);
+    const Sink sink{TempPath(std::string("stopped-inside-") + Name(family) + ".mp4")};
+    ASSERT_TRUE(task.Reach(Stage::kSetUp, {{VideoAudioClip("mkv")}}, sink));
+    const auto before = threads();
+    std::atomic<bool> returned{false};
+    task.on_progress = [&] { returned = returned || (task.log.Count() == 3 && task.Stop()); };
+    ASSERT_TRUE(task.Start());
+    EXPECT_TRUE(WaitUntil([&] { return threads() == before; }));
+    EXPECT_TRUE(returned);
+    const size_t written = ProbeOutput(sink).size();
+    EXPECT_TRUE(written > 0 && written < 20) << written;
+  }
+}
+
+// One playlist: a neighbour file's segment, then one served over http on the
+// loopback. Opened by name it plays its neighbour (FFmpeg's default for a
+// local file: file, crypto, data); read through a read function it opens
+// neither, so the server sees no request and the input is refused.
+TEST(Playlists, NamedOnesOpenTheirNeighboursBridgedOnesNothing) {
+  const std::string segment = VideoOnlyClip("ts"), playlist = TempPath("playlist.m3u8");
+  const std::vector<uint8_t> body = ReadFile(segment);
+  for (Family family : {Family::kConvert, Family::kPacket})
+    for (bool bridged : {false, true}) {
+      SCOPED_TRACE(std::string(Name(family)) + (bridged ? ", bridged" : ", by name"));
+      std::string text = "HTTP/1.0 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n";
+      const SilentServer server((text += std::string(body.begin(), body.end()), Bytes(text)));
+      text = "#EXTM3U\n#EXT-X-TARGETDURATION:2\n#EXTINF:2,\n" + std::filesystem::path(segment).filename().string() +
+             "\n#EXTINF:2,\nhttp" + server.Url().substr(3) + "/segment.ts\n#EXT-X-ENDLIST\n";
+      WriteFile(playlist, Bytes(text));
+      MemoryReader reader(Bytes(text));
+      AnyTask task(family);
+      EXPECT_EQ(task.Reach(Stage::kEnded, {bridged ? Source{"", &reader} : Source{playlist}}, {TempPath("hls.mkv")}),
+                !bridged);
+      EXPECT_EQ(task.log.Count(), bridged ? 0u : 50u);
+    }
+}
+
+TEST(ConvertSeek, FailsWithTheSeekCodeWhenTheMicrosecondsDoNotFit) {
+  AnyTask task(Family::kConvert);
+  ASSERT_TRUE(task.Reach(Stage::kSetUp, {{VideoAudioClip("mkv")}}, {TempPath("seek.mkv")}));
+  for (long long seconds : {10000000000000LL, -10000000000000LL, LLONG_MAX, LLONG_MIN}) {
+    EXPECT_FALSE(AVFormat_Convert_Seek(task.handle(), seconds)) << seconds;
+    EXPECT_EQ(AVFormat_GetLastError(nullptr), ERROR_AVFORMAT_CONVERT_SEEK) << seconds;
+  }
+  EXPECT_TRUE(AVFormat_Convert_Seek(task.handle(), 1));
+}
+
+}  // namespace
+}  // namespace qtest
