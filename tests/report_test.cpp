@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <tuple>
+
 #include "support/families.h"
 
 namespace {
@@ -14,20 +16,21 @@ using namespace qtest;
 
 const int kQuiet = (av_log_set_level(AV_LOG_FATAL), 0);
 using ReportCall = bool (*)(void*, AVFORMAT_TASK_REPORT*);
-const std::pair<ReportCall, ReportCall> kCalls[] = {  // GetReport, StopWithReport in the order of qtest::Family
-    {AVFormat_Convert_GetReport, AVFormat_Convert_StopWithReport},
-    {AVFormat_UNPack_GetReport, AVFormat_UNPack_StopWithReport},
-    {AVFormat_Packet_GetReport, AVFormat_Packet_StopWithReport},
-    {AVFormat_Link_GetReport, AVFormat_Link_StopWithReport}};
-ReportCall Get(Family family) { return kCalls[static_cast<int>(family)].first; }
-ReportCall StopWith(Family family) { return kCalls[static_cast<int>(family)].second; }
+const ReportCall kGet[] = {AVFormat_Convert_GetReport, AVFormat_UNPack_GetReport, AVFormat_Packet_GetReport,
+                           AVFormat_Link_GetReport};  // in the order of qtest::Family
+const ReportCall kStopWith[] = {AVFormat_Convert_StopWithReport, AVFormat_UNPack_StopWithReport,
+                                AVFormat_Packet_StopWithReport, AVFormat_Link_StopWithReport};
+const auto Get = [](Family family) { return kGet[static_cast<int>(family)]; };
+const auto StopWith = [](Family family) { return kStopWith[static_cast<int>(family)]; };
 
 AVFORMAT_TASK_REPORT Record(uint32_t size = sizeof(AVFORMAT_TASK_REPORT)) {
   AVFORMAT_TASK_REPORT report{};
   report.dwSize = size;
   return report;
 }
-std::string ClipFor(Family family) { return family == Family::kPacket ? VideoOnlyClip("mkv") : VideoAudioClip("mkv"); }
+const auto ClipFor = [](Family family) {
+  return family == Family::kPacket ? VideoOnlyClip("mkv") : VideoAudioClip("mkv");
+};
 const std::string kFullDisk = TempPath("full.mkv");  // the name gives the container
 const int kLinked = symlink("/dev/full", kFullDisk.c_str());
 
@@ -52,19 +55,17 @@ TEST(TaskReport, CountsWhatEachFamilyWroteAndItsFirstWriteError) {
       SCOPED_TRACE(testing::Message() << Name(family) << ", writes fail after " << accepted << " bytes");
       MemoryWriter writer;
       writer.fail_after = accepted;
-      const Sink sink = accepted == -3 ? Sink{TempPath(Name(family) + std::string(".mkv"))}
-                        : accepted == -1 ? Sink{kFullDisk} : Sink{"matroska", &writer};
+      const Sink sink = accepted == -3   ? Sink{TempPath(Name(family) + std::string(".mkv"))}
+                        : accepted == -1 ? Sink{kFullDisk}
+                                         : Sink{"matroska", &writer};
       const AVFORMAT_TASK_REPORT report = RunReported(family, sink);
       const int error = accepted == -1 ? AVERROR(ENOSPC) : accepted >= 0 ? AVERROR(EIO) : 0;
-      EXPECT_EQ(report.nWriteError, error);
-      EXPECT_EQ(report.nTrailerResult, error);
-      EXPECT_EQ(report.bTrailerWritten, 1);
+      EXPECT_EQ(std::tuple(report.nWriteError, report.nTrailerResult, report.bTrailerWritten),
+                std::tuple(error, error, 1));
       // Demultiplexing ends at its first refused packet; the others read on.
       const auto read = static_cast<int64_t>(ProbePackets(ClipFor(family)).size());
       EXPECT_TRUE(family == Family::kUnpack && error != 0 ? report.llPacketsRead < read : report.llPacketsRead == read);
-      if (error == 0) {
-        EXPECT_EQ(report.llPacketsWritten, static_cast<int64_t>(ProbeOutput(sink).size()));
-      }
+      EXPECT_TRUE(error != 0 || report.llPacketsWritten == static_cast<int64_t>(ProbeOutput(sink).size()));
       // A file's buffer holds the whole clip, so only the trailer meets a full disk,
       // unless the header was flushed at once (demultiplexing).
       EXPECT_EQ(report.llPacketsRefused > 0, accepted >= 0 || (accepted == -1 && family == Family::kUnpack));
@@ -74,7 +75,8 @@ TEST(TaskReport, CountsWhatEachFamilyWroteAndItsFirstWriteError) {
     }
 }
 
-// A caller write function that takes all, a part, nothing, or fails.
+// A caller write function that takes all, a part, nothing, or fails: the trailer's
+// flush at the latest hands it the bytes, however far the worker got.
 TEST(TaskReport, AWriteFunctionThatTakesLessThanItIsGivenFailsTheOutput) {
   using Write = int (*)(void*, unsigned char*, int);
   const std::pair<Write, int> cases[] = {{[](void*, unsigned char*, int n) { return n; }, 0},
@@ -86,7 +88,6 @@ TEST(TaskReport, AWriteFunctionThatTakesLessThanItIsGivenFailsTheOutput) {
     ASSERT_TRUE(AVFormat_Convert_Output(task, "matroska", 0, 0, write, nullptr) &&
                 AVFormat_Convert_Input(task, VideoAudioClip("mkv").c_str(), nullptr, nullptr) &&
                 AVFormat_Convert_Start(task));
-    ASSERT_TRUE(WaitUntil([&] { bool running = true; return AVFormat_Convert_GetStatus(task, &running) && !running; }));
     AVFORMAT_TASK_REPORT report = Record();
     ASSERT_TRUE(AVFormat_Convert_StopWithReport(task, &report));
     EXPECT_EQ(report.nWriteError, error);
@@ -99,12 +100,12 @@ TEST(TaskReport, RefusesWhatItCannotFillAndFillsOnlyItsOwnFields) {
   for (const Family family : kFamilies) {
     AnyTask task(family);
     AVFORMAT_TASK_REPORT small = Record(AVFORMAT_TASK_REPORT_MIN_SIZE - 1);
-    struct Longer { AVFORMAT_TASK_REPORT report; int64_t tail; } longer{Record(sizeof(Longer)), 42};
-    longer.report.nWriteError = 7;
-    EXPECT_TRUE(Get(family)(task.handle(), &longer.report) && longer.report.nWriteError == 0 && longer.tail == 42);
+    AVFORMAT_TASK_REPORT longer[2] = {Record(sizeof longer), Record(42)};
+    longer[0].nWriteError = 7;
+    EXPECT_TRUE(Get(family)(task.handle(), longer) && longer[0].nWriteError == 0 && longer[1].dwSize == 42);
     const auto refused = [&](bool done) { EXPECT_EQ(LastError(), (ErrorState{!done, CodesOf(family).parameter})); };
     refused(Get(family)(task.handle(), &small));
-    refused(Get(family)(nullptr, &longer.report));
+    refused(Get(family)(nullptr, longer));
     refused(Get(family)(task.handle(), nullptr));
     refused(StopWith(family)(task.Release(), &small));
   }
@@ -114,8 +115,9 @@ TEST(TaskReport, RefusesWhatItCannotFillAndFillsOnlyItsOwnFields) {
 TEST(TaskReport, ToolExitsWithTheSystemsReasonWhenTheOutputFails) {
   if (std::string(QUORVEL_TOOL_FILE).empty()) GTEST_SKIP() << "built without the tool";
   const std::string av = VideoAudioClip("mkv");
-  for (const std::string& arguments : {"convert " + av + " " + kFullDisk, "split " + av + " 0=" + kFullDisk,
-                                       "mux " + kFullDisk + " " + VideoOnlyClip("mkv"), "concat " + kFullDisk + " " + av}) {
+  for (const std::string& arguments :
+       {"convert " + av + " " + kFullDisk, "split " + av + " 0=" + kFullDisk,
+        "mux " + kFullDisk + " " + VideoOnlyClip("mkv"), "concat " + kFullDisk + " " + av}) {
     std::string output;
     EXPECT_EQ(qtest::Run(std::string(QUORVEL_TOOL_FILE) + " --quiet " + arguments + " 2>&1", &output), 1) << arguments;
     EXPECT_NE(output.find("No space left on device"), std::string::npos) << arguments << "\n" << output;

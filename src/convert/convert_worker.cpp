@@ -58,7 +58,8 @@ int CAVFormat_Convert::AVFormat_Convert_Thread(void* lpTask) {
                        task->lpCallbackContext);
 
     // A refused packet is dropped and the run goes on.
-    if (task->dlStartTime <= 0.0 || seconds >= task->dlStartTime) task->stTally.Write(output, packet, task->llBytesSeen);
+    if (task->dlStartTime <= 0.0 || seconds >= task->dlStartTime)
+      task->stTally.Write(output, packet, task->llBytesSeen);
     ++task->nPacketCount;
     av_packet_unref(packet);
 

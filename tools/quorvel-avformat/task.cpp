@@ -1,8 +1,8 @@
 #include "task.h"
 
-#include <string>
-
 #include <fmt/core.h>
+
+#include <string>
 
 extern "C" {
 #include <libavutil/error.h>
