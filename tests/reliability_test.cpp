@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <thread>
+#include <utility>
 
 #include "support/families.h"
 #include "support/server.h"
@@ -56,26 +57,6 @@ TEST(ReliabilityReadFunction, FailsAtSetUpWithTheOpenCodeAndWhileRunningWithACle
         EXPECT_EQ(task.log.Count() == Carried(family, clip), part == 1.0);
         EXPECT_EQ(ProbeOutput(sink).size(), task.log.Count());
       }
-}
-
-// Pulling packets stops with the read code where the caller's function fails, and stays there.
-TEST(ReliabilityReadFunction, ReadLoopEndsWithTheReadCode) {
-  const std::vector<uint8_t> bytes = ReadFile(VideoOnlyClip("mkv"));
-  for (const int failure : {AVFORMAT_IO_EOF, AVERROR(EIO)}) {
-    MemoryReader reader(bytes);
-    reader.fail_after = static_cast<long long>(bytes.size() / 2);
-    reader.failure = failure;
-    AnyTask task(Family::kUnpack);
-    ASSERT_TRUE(task.Input({{"", &reader}}));
-    static unsigned char data[1 << 20];
-    int stream = -1, size = 0, pulled = 0;
-    while (AVFormat_UNPack_Read(task.handle(), &stream, data, &size, nullptr, nullptr)) ++pulled;
-    EXPECT_EQ(LastError(), (ErrorState{true, ERROR_AVFORMAT_PACKET_READ}));
-    EXPECT_GT(pulled, 0);
-    EXPECT_LT(pulled, 50);
-    EXPECT_FALSE(AVFormat_UNPack_Read(task.handle(), &stream, data, &size, nullptr, nullptr));
-    EXPECT_EQ(LastError(), (ErrorState{true, ERROR_AVFORMAT_PACKET_READ}));
-  }
 }
 
 // Writes that fail from the first byte, after 1000 bytes, or on a full disk.
