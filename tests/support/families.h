@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/caller.h"
@@ -69,6 +70,8 @@ class AnyTask {
   // had returned by then.
   bool StopFromAnotherThread(std::chrono::milliseconds after);
   void* handle() const { return handle_; }
+  // Hands the handle over to a caller who stops it itself (Stop then does nothing).
+  void* Release() { return std::exchange(handle_, nullptr); }
 
   const Family family;
   ProgressLog log;
