@@ -30,7 +30,7 @@ void Release(void* lpTask) {
   auto* task = static_cast<AVPACKET_FILE_UNPACK*>(lpTask);
   task->pFormatContext.reset();
   for (AVPACKET_FILE_INFO& info : task->pInfoList) {
-    av_write_trailer(info.pFormatContext.get());
+    task->stTally.WriteTrailer(info.pFormatContext.get(), info.llBytesSeen);
     info.pFormatContext.reset();
     info.pIOContext.reset();
     info.pIOBuffer.reset();
@@ -58,6 +58,7 @@ int CAVFormat_UNPack::AVFormat_UNPack_Thread(void* lpTask) {
 
   // Read under the input's lock: Seek and GetAVCodec use the input from the caller's thread.
   while (packet != nullptr && quorvel::ReadNextPacket(task->bRunning, task->bPause, task->mtxInput, input, packet)) {
+    task->stTally.CountRead();
     AVPACKET_FILE_INFO* info = OutputOf(task->pInfoList, packet->stream_index);
     if (info == nullptr) {
       av_packet_unref(packet);
@@ -70,7 +71,7 @@ int CAVFormat_UNPack::AVFormat_UNPack_Thread(void* lpTask) {
     const double seconds = static_cast<double>(packet->pts) * av_q2d(output->streams[0]->time_base);
 
     if (format.dlStartTime <= 0.0 || seconds >= format.dlStartTime) {
-      if (av_interleaved_write_frame(output, packet) < 0) {
+      if (task->stTally.Write(output, packet, info->llBytesSeen) < 0) {
         av_packet_unref(packet);
         break;
       }

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/caller.h"
@@ -70,6 +71,8 @@ class AnyTask {
   // had returned by then.
   bool StopFromAnotherThread(std::chrono::milliseconds after);
   void* handle() const { return handle_; }
+  // Hands the handle over to a caller who stops it itself (Stop then does nothing).
+  void* Release() { return std::exchange(handle_, nullptr); }
 
   const Family family;
   ProgressLog log;
