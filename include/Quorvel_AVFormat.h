@@ -36,11 +36,11 @@
  * From inside a callback that a task's worker runs (its progress callback, or
  * its caller read or write function while the task runs), a caller may call
  * for that same task:
- *  - *_Stop(): returns true at once without waiting; the worker leaves its
- *    loop after the callback returns and finishes the stop itself (trailer,
- *    release, handle freed) as it ends. Make no further call on the handle
- *    after this Stop, not even from the same callback: it dangles as soon as
- *    the worker ends;
+ *  - *_Stop() or *_StopWithReport(): returns at once without waiting (the
+ *    report then lacks the trailer); the worker leaves its loop after the
+ *    callback returns and finishes the stop itself (trailer, release, handle
+ *    freed) as it ends. Make no further call on the handle after this Stop,
+ *    not even from the same callback: it dangles as soon as the worker ends;
  *  - *_GetStatus(), *_Suspend() and *_GetReport();
  *  - from the progress callback only (not from a read function, which runs
  *    while the worker holds the input), AVFormat_Convert_Seek(),
