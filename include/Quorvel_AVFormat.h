@@ -137,6 +137,12 @@ typedef void (*AVFORMAT_PROGRESS_CALLBACK)(void* reserved, int type, long long n
  *         A write function must consume every byte: a result below @p size
  *         fails the output with AVERROR(EIO), a negative one with that value,
  *         and nothing more is written to it (AVFORMAT_TASK_REPORT tells).
+ *         A read function's 0 is taken as the end of the input (as read(2)
+ *         means it), and a result above @p size fails the input with
+ *         AVERROR(EIO) (no bytes beyond the buffer are taken). Once Stop has
+ *         been called the read function is not called again, so Stop returns
+ *         as soon as a call in progress returns; one that never returns
+ *         holds Stop for good.
  *
  * A bridged input or output is not seekable. Each bridge owns a 10 MiB buffer
  * for the life of its task. Output containers that must seek back (MP4 without
