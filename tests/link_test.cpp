@@ -96,7 +96,7 @@ TEST(LinkJoin, WritesWhatTheCallerAsks) {
       {"cut, end before start", "mkv", {{four_seconds, 3.01, 2.01}}, video, {51}, 100},
       {"cut on the output timeline", "mkv", {{four_seconds}, {four_seconds, 5.01, 10.0}}, video, {126}, 200},
       {"equal spacing", "mkv", {{ones}, {ones}}, video, {200}, 200, Ramps({{0, 1}, {99, 1}})},
-      {"double spacing", "mkv", {{twos}, {ones}}, video, {200}, 200, Ramps({{0, 2}, {199, 1}})},
+      {"double spacing", "mp4", {{twos}, {ones}}, video, {200}, 200, Ramps({{0, 2}, {199, 1}})},
       {"three inputs", "mkv", {{ones}, {ones}, {ones}}, video, {300}, 300, Ramps({{0, 1}, {99, 1}, {199, 1}})},
   };
   for (const Case& c : cases) {
