@@ -231,6 +231,8 @@ extern QUORVEL_AVFORMAT_API uint64_t AVForamt_dwErrorCode;
 #define ERROR_AVFORMAT_PACKET_SEEK 0x80D1010
 /** Multiplexing StreamWrite: the muxer refused the packet. */
 #define ERROR_AVFORMAT_PACKET_WRITEFRAME 0x80D1011
+/** Demultiplexing AVFormat_UNPack_ReadSized: the packet is larger than the buffer (its size is stored). */
+#define ERROR_AVFORMAT_PACKET_BUFFERSIZE 0x80D1012
 
 /** Concatenation: task or input list not allocated. */
 #define ERROR_AVFORMAT_LINK_MALLOC 0x80D2002
@@ -411,6 +413,15 @@ QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Start(void* task);
  * runs: before Start, or once GetStatus reports that the worker has ended
  * (reading then goes on where the worker stopped). Outputs and their start
  * and end times play no part.
+ *
+ * This function is never told how large @p data is, so it needs a buffer at
+ * least as large as any packet of the input. For input that is not trusted no
+ * such bound exists: a packet may be far larger than the file it comes from
+ * (a zlib-compressed Matroska block inflates to megabytes from a few bytes),
+ * and a packet larger than the buffer overruns it. Use
+ * AVFormat_UNPack_ReadSized() instead, which is told the buffer's size.
+ * A packet that AVFormat_UNPack_ReadSized() kept is delivered first.
+ *
  * @param stream_index receives the packet's stream index (required)
  * @param data         receives the packet's bytes (required): it must hold the
  *                     largest packet that the input can yield
@@ -669,6 +680,49 @@ QUORVEL_AVFORMAT_API bool AVFormat_Link_Stop(void* task);
 /* ========================================================================== */
 
 /* ---- Demultiplexing: a Read that is told the buffer's size ---------------- */
+
+/** Flags that AVFormat_UNPack_ReadSized() reports: FFmpeg's AV_PKT_FLAG_* values. */
+#define AVFORMAT_PKT_FLAG_KEY 0x0001     /**< the packet holds a key frame */
+#define AVFORMAT_PKT_FLAG_CORRUPT 0x0002 /**< the demuxer found the packet damaged */
+#define AVFORMAT_PKT_FLAG_DISCARD 0x0004 /**< needed to decode others, but not to be shown */
+
+/**
+ * AVFormat_UNPack_Read() told the size of the caller's buffer, and reporting
+ * the packet's flags too. Same rules as Read: while no worker runs, the next
+ * packet of any stream in the input's order.
+ *
+ * A packet larger than @p capacity is not copied: the call fails with
+ * ERROR_AVFORMAT_PACKET_BUFFERSIZE, stores the packet's size in @p size and its
+ * stream in @p stream_index, and keeps the packet, which the next Read (of
+ * either kind) delivers. A NULL @p data with @p capacity 0 asks for the next
+ * packet's size that way. So a caller can start small and grow:
+ *
+ *     while (!AVFormat_UNPack_ReadSized(task, &stream, buffer, capacity, &size, &flags, &info, &time_base)) {
+ *       if (AVFormat_GetLastError(NULL) != ERROR_AVFORMAT_PACKET_BUFFERSIZE) break;   // end of input, or failure
+ *       buffer = realloc(buffer, capacity = size);                                       // then try again
+ *     }
+ *
+ * A kept packet is forgotten by Seek (reading goes on from the new position)
+ * and by Start (the worker reads on from the input's position).
+ *
+ * @param stream_index receives the packet's stream index (required)
+ * @param data         where the packet's bytes go; NULL only with @p capacity 0
+ * @param capacity     bytes that @p data can take, 0 or more
+ * @param size         receives the packet's size (required), also on the
+ *                     buffer-size failure
+ * @param flags        if not NULL, receives the packet's key-frame, corrupt and
+ *                     discard flags (AVFORMAT_PKT_FLAG_*), nothing else
+ * @param info, time_base  as for AVFormat_UNPack_Read()
+ * Errors: ERROR_AVFORMAT_PACKET_PARAMETER (null task, stream_index or size,
+ *         negative capacity, NULL data with a capacity above 0, no input),
+ *         ERROR_AVFORMAT_PACKET_THREAD (the worker runs, also paused),
+ *         ERROR_AVFORMAT_PACKET_BUFFERSIZE (the packet does not fit: kept),
+ *         ERROR_AVFORMAT_PACKET_READ (end of input or read error),
+ *         ERROR_AVFORMAT_PACKET_MALLOC.
+ */
+QUORVEL_AVFORMAT_API bool AVFormat_UNPack_ReadSized(void* task, int* stream_index, unsigned char* data, int capacity,
+                                                    int* size, int* flags, AVCODEC_PACKETINFO* info,
+                                                    AVCODEC_TIMEBASE* time_base);
 
 /* ---- Task reports: what a task did, and its first write error ------------- */
 
