@@ -14,7 +14,7 @@ using quorvel::OpenResult;
 
 namespace {
 
-// A failed allocation is reported as a failed open: this family has always done so.
+// This family opens files by name only, where a failed allocation is a failed open.
 constexpr quorvel::OpenCodes kOpenCodes{ERROR_AVFORMAT_LINK_OPEN, ERROR_AVFORMAT_LINK_OPEN,
                                         ERROR_AVFORMAT_LINK_OUTPUTFORMAT};
 
