@@ -102,6 +102,9 @@ typedef void (*AVFORMAT_PROGRESS_CALLBACK)(void* reserved, int type, long long n
  *         input, another negative AVERROR code on failure; write: the number of
  *         bytes consumed or a negative AVERROR code. This is FFmpeg's contract
  *         for the read_packet and write_packet functions of an AVIOContext.
+ *         A write function must consume every byte: a result below @p size
+ *         fails the output with AVERROR(EIO), a negative one with that value,
+ *         and nothing more is written to it (AVFORMAT_TASK_REPORT tells).
  *
  * A bridged input or output is not seekable. Each bridge owns a 10 MiB buffer
  * for the life of its task. Output containers that must seek back (MP4 without
@@ -742,6 +745,88 @@ QUORVEL_AVFORMAT_API bool AVFormat_UNPack_ReadSized(void* task, int* stream_inde
                                                     AVCODEC_TIMEBASE* time_base);
 
 /* ---- Task reports: what a task did, and its first write error ------------- */
+
+/**
+ * What a task has done so far. The caller sets dwSize to the size of the
+ * record it passes (sizeof(AVFORMAT_TASK_REPORT) of the header it was built
+ * with, at least AVFORMAT_TASK_REPORT_MIN_SIZE); the library fills only the
+ * fields that fit in dwSize and leaves dwSize and any bytes past its own
+ * record untouched, so that the record can grow at its end.
+ *
+ * Without a report a failed write goes unnoticed: the original functions
+ * succeed, and Stop returns true, also when the disk was full.
+ */
+typedef struct AVFORMAT_TASK_REPORT {
+  /** Set by the caller: the record's size in bytes. */
+  uint32_t dwSize;
+  /** The first error of the output's I/O (an AVERROR value, e.g. AVERROR(ENOSPC)), 0 if none. Once
+   *  an output has failed a write, FFmpeg writes nothing more to it. A caller write function fails a
+   *  write by returning fewer bytes than it was given (reported as AVERROR(EIO)) or a negative value
+   *  (reported as that value). Demultiplexing: the first among all its outputs. */
+  int32_t nWriteError;
+  /** Packets the worker took from the inputs (multiplexing: also the packets that StreamWrite hands to the muxer),
+   *  dropped ones included. Packets that the caller takes with demultiplexing's Read are not counted. */
+  int64_t llPacketsRead;
+  /** Packets handed to the muxer that it accepted. */
+  int64_t llPacketsWritten;
+  /** Packets the muxer refused (av_interleaved_write_frame failed): the task drops them and goes on,
+   *  except demultiplexing, which ends its run on the first. After a write error every packet is refused. */
+  int64_t llPacketsRefused;
+  /** Bytes that reached the output (the file, or the caller's write function); bytes still buffered are
+   *  not counted yet. Demultiplexing: the sum over its outputs. */
+  int64_t llBytesWritten;
+  /** 1 once the trailer has been written (by Stop, on an output whose header was written; for
+   *  demultiplexing, on every output), else 0. Only StopWithReport can see it set. */
+  int32_t bTrailerWritten;
+  /** av_write_trailer's result (demultiplexing: the first that failed), 0 if it succeeded or was not written. */
+  int32_t nTrailerResult;
+} AVFORMAT_TASK_REPORT;
+
+/** The smallest dwSize accepted: the record as it was first published. */
+#define AVFORMAT_TASK_REPORT_MIN_SIZE 48
+
+QUORVEL_AVFORMAT_STATIC_ASSERT(sizeof(AVFORMAT_TASK_REPORT) == 48, "AVFORMAT_TASK_REPORT is 48 bytes");
+QUORVEL_AVFORMAT_STATIC_ASSERT(offsetof(AVFORMAT_TASK_REPORT, llPacketsRead) == 8,
+                               "AVFORMAT_TASK_REPORT.llPacketsRead at 8");
+QUORVEL_AVFORMAT_STATIC_ASSERT(offsetof(AVFORMAT_TASK_REPORT, llBytesWritten) == 32,
+                               "AVFORMAT_TASK_REPORT.llBytesWritten at 32");
+QUORVEL_AVFORMAT_STATIC_ASSERT(offsetof(AVFORMAT_TASK_REPORT, nTrailerResult) == 44,
+                               "AVFORMAT_TASK_REPORT.nTrailerResult at 44");
+
+/**
+ * Fills @p report with what the task has done so far. Valid from Init until
+ * Stop, also while the worker runs (the counts are then a moment's view) and
+ * after it has ended. The trailer is written by Stop: to learn its result,
+ * end the task with the family's StopWithReport instead.
+ *
+ * Errors: the family's parameter code (ERROR_AVFORMAT_CONVERT_PARAMETER,
+ * ERROR_AVFORMAT_PACKET_PARAMETER for demultiplexing and multiplexing,
+ * ERROR_AVFORMAT_LINK_PARAMETER) for a null task, a null report or a dwSize
+ * below AVFORMAT_TASK_REPORT_MIN_SIZE.
+ */
+QUORVEL_AVFORMAT_API bool AVFormat_Convert_GetReport(void* task, AVFORMAT_TASK_REPORT* report);
+QUORVEL_AVFORMAT_API bool AVFormat_UNPack_GetReport(void* task, AVFORMAT_TASK_REPORT* report);
+QUORVEL_AVFORMAT_API bool AVFormat_Packet_GetReport(void* task, AVFORMAT_TASK_REPORT* report);
+QUORVEL_AVFORMAT_API bool AVFormat_Link_GetReport(void* task, AVFORMAT_TASK_REPORT* report);
+
+/**
+ * Stop, and then the report: does all that the family's Stop does (the task is
+ * freed and its handle dangling afterwards, whatever the result) and fills
+ * @p report as GetReport would after the trailer, so that bTrailerWritten,
+ * nTrailerResult and the final llBytesWritten and nWriteError (the trailer
+ * flushes the output) are known. Called on the task's own worker thread (from
+ * the progress callback or a caller I/O function), it fills the report at once,
+ * before the trailer.
+ *
+ * Returns true when the report was filled. Errors: the family's parameter
+ * code (as for GetReport) for a null task, a null report or a dwSize below
+ * AVFORMAT_TASK_REPORT_MIN_SIZE; the task is stopped all the same.
+ */
+QUORVEL_AVFORMAT_API bool AVFormat_Convert_StopWithReport(void* task, AVFORMAT_TASK_REPORT* report);
+QUORVEL_AVFORMAT_API bool AVFormat_UNPack_StopWithReport(void* task, AVFORMAT_TASK_REPORT* report);
+QUORVEL_AVFORMAT_API bool AVFormat_Packet_StopWithReport(void* task, AVFORMAT_TASK_REPORT* report);
+QUORVEL_AVFORMAT_API bool AVFormat_Link_StopWithReport(void* task, AVFORMAT_TASK_REPORT* report);
+
 
 /* ---- End of the additions -------------------------------------------------- */
 

@@ -52,9 +52,9 @@ TEST(LifecycleStop, EveryFamilyAtEveryStage) {
     Stage stage;
     bool fed = false;  // multiplexing: 5 packets by StreamWrite before Stop
   };
-  const Case cases[] = {{Stage::kInit},         {Stage::kFirstFailed}, {Stage::kFirst},  {Stage::kSecondFailed},
-                        {Stage::kSetUp},        {Stage::kSetUp, true}, {Stage::kHeld},   {Stage::kPaused},
-                        {Stage::kEnded},        {Stage::kEnded, true}};
+  const Case cases[] = {{Stage::kInit},  {Stage::kFirstFailed}, {Stage::kFirst}, {Stage::kSecondFailed},
+                        {Stage::kSetUp}, {Stage::kSetUp, true}, {Stage::kHeld},  {Stage::kPaused},
+                        {Stage::kEnded}, {Stage::kEnded, true}};
   for (const Family family : kFamilies)
     for (const Case& c : cases)
       for (const bool bridged : {false, true}) {
@@ -69,10 +69,10 @@ TEST(LifecycleStop, EveryFamilyAtEveryStage) {
         AnyTask task(family);
         task.hold_at = 5;
         // A pause asked for before Start holds a conversion only: the other families' Start clears it.
-        ASSERT_TRUE(c.stage != Stage::kEnded ? task.Reach(c.stage, sources, {sink})
-                                             : task.Reach(Stage::kSetUp, sources, {sink}) &&
-                                                   (family == Family::kConvert || task.Suspend(true)) &&
-                                                   task.Start() && task.WaitForEnd());
+        ASSERT_TRUE(c.stage != Stage::kEnded
+                        ? task.Reach(c.stage, sources, {sink})
+                        : task.Reach(Stage::kSetUp, sources, {sink}) &&
+                              (family == Family::kConvert || task.Suspend(true)) && task.Start() && task.WaitForEnd());
         const uint8_t data[8] = {};
         AVCODEC_TIMEBASE time_base{1, 25};
         for (int64_t i = 0; c.fed && i < 5; ++i) {

@@ -4,7 +4,12 @@
 
 #include "Quorvel_AVFormat.h"
 #include "api/objects.h"
+#include "convert/convert_task.h"
 #include "core/error.h"
+#include "core/report.h"
+#include "link/link_task.h"
+#include "packet/packet_task.h"
+#include "unpack/unpack_task.h"
 
 namespace {
 
@@ -162,6 +167,36 @@ QUORVEL_AVFORMAT_API bool AVFormat_Link_Suspend(void* task, bool pause) {
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Link_Stop(void* task) {
   return m_FileLink.AVFormat_Link_Stop(task);
+}
+
+// Task reports
+
+QUORVEL_AVFORMAT_API bool AVFormat_Convert_GetReport(void* task, AVFORMAT_TASK_REPORT* report) {
+  return quorvel::ReportOf<AVPACKET_FILE_CONVERT>(task, report, ERROR_AVFORMAT_CONVERT_PARAMETER);
+}
+QUORVEL_AVFORMAT_API bool AVFormat_UNPack_GetReport(void* task, AVFORMAT_TASK_REPORT* report) {
+  return quorvel::ReportOf<AVPACKET_FILE_UNPACK>(task, report, ERROR_AVFORMAT_PACKET_PARAMETER);
+}
+QUORVEL_AVFORMAT_API bool AVFormat_Packet_GetReport(void* task, AVFORMAT_TASK_REPORT* report) {
+  return quorvel::ReportOf<AVPACKET_FILE_PACKET>(task, report, ERROR_AVFORMAT_PACKET_PARAMETER);
+}
+QUORVEL_AVFORMAT_API bool AVFormat_Link_GetReport(void* task, AVFORMAT_TASK_REPORT* report) {
+  return quorvel::ReportOf<AVPACKET_FILELINK>(task, report, ERROR_AVFORMAT_LINK_PARAMETER);
+}
+QUORVEL_AVFORMAT_API bool AVFormat_Convert_StopWithReport(void* task, AVFORMAT_TASK_REPORT* report) {
+  return quorvel::StopReporting<AVPACKET_FILE_CONVERT>(task, report, ERROR_AVFORMAT_CONVERT_PARAMETER,
+                                                       AVFormat_Convert_Stop);
+}
+QUORVEL_AVFORMAT_API bool AVFormat_UNPack_StopWithReport(void* task, AVFORMAT_TASK_REPORT* report) {
+  return quorvel::StopReporting<AVPACKET_FILE_UNPACK>(task, report, ERROR_AVFORMAT_PACKET_PARAMETER,
+                                                      AVFormat_UNPack_Stop);
+}
+QUORVEL_AVFORMAT_API bool AVFormat_Packet_StopWithReport(void* task, AVFORMAT_TASK_REPORT* report) {
+  return quorvel::StopReporting<AVPACKET_FILE_PACKET>(task, report, ERROR_AVFORMAT_PACKET_PARAMETER,
+                                                      AVFormat_Packet_Stop);
+}
+QUORVEL_AVFORMAT_API bool AVFormat_Link_StopWithReport(void* task, AVFORMAT_TASK_REPORT* report) {
+  return quorvel::StopReporting<AVPACKET_FILELINK>(task, report, ERROR_AVFORMAT_LINK_PARAMETER, AVFormat_Link_Stop);
 }
 
 }  // extern "C"

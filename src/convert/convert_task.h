@@ -8,6 +8,7 @@
 
 #include "Quorvel_AVFormat.h"
 #include "core/io.h"
+#include "core/report.h"
 
 struct AVPACKET_FILE_CONVERT {
   std::thread pThread;
@@ -34,6 +35,9 @@ struct AVPACKET_FILE_CONVERT {
   bool bInputReady = false;     // Input succeeded
   bool bStarted = false;        // Start has been called with success
   bool bHeaderWritten = false;  // the trailer may only follow a written header
+  // What the task has done, for GetReport; written by whichever thread writes the output.
+  quorvel::TaskTally stTally;
+  int64_t llBytesSeen = 0;  // the output's bytes that stTally has counted
   // Seek runs on the caller's thread against the input the worker reads.
   std::mutex mtxInput;
 };

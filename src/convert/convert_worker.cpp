@@ -4,6 +4,7 @@
 #include "convert/convert_task.h"
 #include "core/error.h"
 #include "core/remux.h"
+#include "core/report.h"
 #include "core/task.h"
 #include "core/worker.h"
 
@@ -16,7 +17,9 @@ bool CAVFormat_Convert::AVFormat_Convert_Start(void* lpTask) {
   if (task == nullptr || task->bStarted || !task->bOutputReady || !task->bInputReady)
     return Fail(ERROR_AVFORMAT_CONVERT_PARAMETER);
 
-  if (avformat_write_header(task->pOutputContext.get(), nullptr) < 0) return Fail(ERROR_AVFORMAT_CONVERT_WRITEHEADER);
+  const int header = avformat_write_header(task->pOutputContext.get(), nullptr);
+  task->stTally.Observe(task->pOutputContext.get(), task->llBytesSeen);
+  if (header < 0) return Fail(ERROR_AVFORMAT_CONVERT_WRITEHEADER);
   task->bHeaderWritten = true;
   task->bStarted = true;
 
@@ -34,6 +37,7 @@ int CAVFormat_Convert::AVFormat_Convert_Thread(void* lpTask) {
 
   // Read under the input's lock: Seek moves the input from the caller's thread.
   while (packet != nullptr && quorvel::ReadNextPacket(task->bRunning, task->bPause, task->mtxInput, input, packet)) {
+    task->stTally.CountRead();
     // Dropped streams, and kept streams that have no output stream of their own index.
     const int index = packet->stream_index;
     if (index < 0 || index >= static_cast<int>(task->nStreamCount) || task->pnStreamMap[index] < 0 ||
@@ -54,7 +58,8 @@ int CAVFormat_Convert::AVFormat_Convert_Thread(void* lpTask) {
                        task->lpCallbackContext);
 
     // A refused packet is dropped and the run goes on.
-    if (task->dlStartTime <= 0.0 || seconds >= task->dlStartTime) av_interleaved_write_frame(output, packet);
+    if (task->dlStartTime <= 0.0 || seconds >= task->dlStartTime)
+      task->stTally.Write(output, packet, task->llBytesSeen);
     ++task->nPacketCount;
     av_packet_unref(packet);
 
@@ -96,7 +101,7 @@ bool CAVFormat_Convert::AVFormat_Convert_Stop(void* lpTask) noexcept {
   // Then, in this order: input closed, trailer (only after a header), stream
   // map, output file and context, input bridge, output bridge.
   task->pInputContext.reset();
-  if (task->bHeaderWritten) av_write_trailer(task->pOutputContext.get());
+  if (task->bHeaderWritten) task->stTally.WriteTrailer(task->pOutputContext.get(), task->llBytesSeen);
   task->pnStreamMap.reset();
   task->pOutputContext.reset();
   task->pInputIO.reset();

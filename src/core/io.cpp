@@ -18,10 +18,16 @@ int ReadToCaller(void* opaque, uint8_t* buffer, int size) {
   return endpoint->function(endpoint->context, buffer, size);
 }
 
+// A write that the caller's function takes only in part fails: FFmpeg would
+// count the whole buffer as written and the rest would be lost unnoticed.
+// FFmpeg keeps the failure as the I/O context's error, which the task's
+// report reads, and writes nothing more to the output.
 int WriteToCaller(void* opaque, AVIOWriteBuffer buffer, int size) {
   auto* endpoint = static_cast<CallerEndpoint*>(opaque);
   // The caller's type is not const; the caller only reads the bytes.
-  return endpoint->function(endpoint->context, const_cast<unsigned char*>(buffer), size);
+  const int written = endpoint->function(endpoint->context, const_cast<unsigned char*>(buffer), size);
+  if (written < 0) return written;
+  return written < size ? AVERROR(EIO) : size;
 }
 
 int AbortWhenSet(void* flag) {

@@ -7,6 +7,7 @@
 
 #include "Quorvel_AVFormat.h"
 #include "core/ffmpeg.h"
+#include "core/report.h"
 
 // One input file, in joining order.
 struct AVPACKET_LINKINFO {
@@ -34,4 +35,7 @@ struct AVPACKET_FILELINK {
   bool bOutputReady = false;    // Output succeeded
   bool bStarted = false;        // Start has been called; the header was tried
   bool bHeaderWritten = false;  // the trailer may only follow a written header
+  // What the task has done, for GetReport; written by whichever thread writes the output.
+  quorvel::TaskTally stTally;
+  int64_t llBytesSeen = 0;  // the output's bytes that stTally has counted
 };

@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "core/error.h"
+#include "core/report.h"
 #include "core/task.h"
 #include "core/worker.h"
 #include "link/link.h"
@@ -66,6 +67,7 @@ void CopyInput(AVPACKET_FILELINK* task, const AVPACKET_LINKINFO& element, AVPack
     }
     // Only a resume ends the pause, also once the task is stopped.
     while (task->bPause) std::this_thread::sleep_for(quorvel::kPausePoll);
+    task->stTally.CountRead();
 
     const AVStream* in = input->streams[packet->stream_index];
     const AVRational in_time_base = quorvel::PacketTimeBase(packet, input);
@@ -97,7 +99,7 @@ void CopyInput(AVPACKET_FILELINK* task, const AVPACKET_LINKINFO& element, AVPack
     const double position = static_cast<double>(packet->pts) * av_q2d(out->time_base);
 
     // A packet the muxer refuses is dropped and the run goes on.
-    if (KeptByCut(element, position)) av_interleaved_write_frame(output, packet);
+    if (KeptByCut(element, position)) task->stTally.Write(output, packet, task->llBytesSeen);
     // Numbered by the kind of the stream the packet came from, cut or not.
     const Timeline& numbering = in->codecpar->codec_type == AVMEDIA_TYPE_VIDEO ? timelines.video : timelines.audio;
     if (task->fpProgress != nullptr)
@@ -116,7 +118,9 @@ bool CAVFormat_Link::AVFormat_Link_Start(void* lpTask) {
   if (task == nullptr || task->bStarted || !task->bOutputReady) return Fail(ERROR_AVFORMAT_LINK_PARAMETER);
 
   task->bStarted = true;
-  if (avformat_write_header(task->pOutputContext.get(), nullptr) < 0) return Fail(ERROR_AVFORMAT_LINK_WRITEHEADER);
+  const int header = avformat_write_header(task->pOutputContext.get(), nullptr);
+  task->stTally.Observe(task->pOutputContext.get(), task->llBytesSeen);
+  if (header < 0) return Fail(ERROR_AVFORMAT_LINK_WRITEHEADER);
   task->bHeaderWritten = true;
 
   task->bRunning = true;
@@ -165,7 +169,7 @@ bool CAVFormat_Link::AVFormat_Link_Stop(void* lpTask) noexcept {
 
   // Then, in this order: trailer (only after a header), inputs front to back,
   // the list, output file and context.
-  if (task->bHeaderWritten) av_write_trailer(task->pOutputContext.get());
+  if (task->bHeaderWritten) task->stTally.WriteTrailer(task->pOutputContext.get(), task->llBytesSeen);
   for (AVPACKET_LINKINFO& element : task->pInputList) element.pInputContext.reset();
   task->pInputList.clear();
   task->pOutputContext.reset();

@@ -76,7 +76,9 @@ bool CAVFormat_Packet::AVFormat_Packet_StreamWrite(void* lpTask, int nStreamInde
   // the flag is set before trying.
   if (!task->HeaderTried()) {
     task->bHeaderWritten = true;
-    if (avformat_write_header(output, nullptr) < 0) return Fail(ERROR_AVFORMAT_PACKET_WRITEHEADER);
+    const int header = avformat_write_header(output, nullptr);
+    task->stTally.Observe(output, task->llBytesSeen);
+    if (header < 0) return Fail(ERROR_AVFORMAT_PACKET_WRITEHEADER);
     task->bHeaderOk = true;
   }
   if (nStreamIndex < 0 || static_cast<unsigned>(nStreamIndex) >= output->nb_streams)
@@ -115,6 +117,7 @@ bool CAVFormat_Packet::AVFormat_Packet_StreamWrite(void* lpTask, int nStreamInde
   packet->pos = -1;
   packet->stream_index = nStreamIndex;
 
-  if (av_interleaved_write_frame(output, packet) < 0) return Fail(ERROR_AVFORMAT_PACKET_WRITEFRAME);
+  task->stTally.CountRead();
+  if (task->stTally.Write(output, packet, task->llBytesSeen) < 0) return Fail(ERROR_AVFORMAT_PACKET_WRITEFRAME);
   return true;
 }

@@ -7,6 +7,7 @@
 
 #include "Quorvel_AVFormat.h"
 #include "core/io.h"
+#include "core/report.h"
 
 // One input file and the one stream mapping that the worker uses for all of
 // its packets.
@@ -48,6 +49,9 @@ struct AVPACKET_FILE_PACKET {
   bool bStarted = false;      // Start has tried the header
   bool bHeaderOk = false;     // a header was written: packets and the trailer may follow
   quorvel::Packet pWritePacket;  // reused by every StreamWrite
+  // What the task has done, for GetReport; written by whichever thread writes the output.
+  quorvel::TaskTally stTally;
+  int64_t llBytesSeen = 0;  // the output's bytes that stTally has counted
 
   // The header is tried once per task, by whichever comes first.
   bool HeaderTried() const noexcept { return bStarted || bHeaderWritten; }

@@ -4,6 +4,7 @@
 
 #include "core/error.h"
 #include "core/remux.h"
+#include "core/report.h"
 #include "core/task.h"
 #include "core/worker.h"
 #include "packet/packet.h"
@@ -21,6 +22,7 @@ bool CarryOnePacket(AVPACKET_FILE_PACKET* task, AVPACKET_FILE_AVINFO& input, AVP
   AVFormatContext* source = input.pInputContext.get();
   AVFormatContext* output = task->pOutputContext.get();
   if (av_read_frame(source, packet) < 0) return false;
+  task->stTally.CountRead();
 
   // An input without a stream of its own has nowhere to go.
   if (static_cast<unsigned>(input.nInputStream) >= source->nb_streams ||
@@ -41,7 +43,7 @@ bool CarryOnePacket(AVPACKET_FILE_PACKET* task, AVPACKET_FILE_AVINFO& input, AVP
 
   const double seconds = static_cast<double>(packet->pts) * av_q2d(out->time_base);
   // A refused packet is dropped and the run goes on.
-  if (task->dlStartTime <= 0.0 || seconds >= task->dlStartTime) av_interleaved_write_frame(output, packet);
+  if (task->dlStartTime <= 0.0 || seconds >= task->dlStartTime) task->stTally.Write(output, packet, task->llBytesSeen);
   // Every packet read is reported, also one before the start time.
   if (task->fpProgress != nullptr)
     task->fpProgress(task->lpReserved, input.nMediaType, input.nPacketCount, seconds, task->lpCallbackContext);
@@ -63,7 +65,9 @@ bool CAVFormat_Packet::AVFormat_Packet_Start(void* lpTask) {
   if (task == nullptr || !task->bOutputReady || task->HeaderTried()) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
 
   task->bStarted = true;
-  if (avformat_write_header(task->pOutputContext.get(), nullptr) < 0) return Fail(ERROR_AVFORMAT_PACKET_WRITEHEADER);
+  const int header = avformat_write_header(task->pOutputContext.get(), nullptr);
+  task->stTally.Observe(task->pOutputContext.get(), task->llBytesSeen);
+  if (header < 0) return Fail(ERROR_AVFORMAT_PACKET_WRITEHEADER);
   task->bHeaderOk = true;
 
   task->bRunning = true;
@@ -118,7 +122,7 @@ bool CAVFormat_Packet::AVFormat_Packet_Stop(void* lpTask) noexcept {
   // Then, in this order: trailer (only after a header), each input with its
   // bridge, the output's bridge, the output's file and context.
   AVFormatContext* output = task->pOutputContext.get();
-  if (task->bHeaderOk) av_write_trailer(output);
+  if (task->bHeaderOk) task->stTally.WriteTrailer(output, task->llBytesSeen);
   for (AVPACKET_FILE_AVINFO& input : task->pInputList) {
     input.pInputContext.reset();
     input.pInputIO.reset();

@@ -19,8 +19,10 @@ constexpr quorvel::OpenCodes kOpenCodes{ERROR_AVFORMAT_PACKET_MALLOC, ERROR_AVFO
 
 // Makes output `index` from `record`, with its one stream described by input
 // stream `index` and its header written. On failure records the code and
-// returns false; what was made stays in `info` for the caller to drop.
-bool MakeOutput(AVPACKET_FILE_INFO& info, const AVCODEC_FORMATINFO& record, const AVStream* source) {
+// returns false; what was made stays in `info` for the caller to drop. What
+// the header wrote goes to `tally`.
+bool MakeOutput(AVPACKET_FILE_INFO& info, const AVCODEC_FORMATINFO& record, const AVStream* source,
+                quorvel::TaskTally& tally) {
   std::memcpy(&info.FormatInfo, &record, sizeof record);
   // The name is read as a string that lives in the record's 264 bytes.
   info.FormatInfo.szName[sizeof info.FormatInfo.szName - 1] = '\0';
@@ -37,10 +39,11 @@ bool MakeOutput(AVPACKET_FILE_INFO& info, const AVCODEC_FORMATINFO& record, cons
     case StreamStep::kCopyParameters: return Fail(ERROR_AVFORMAT_PACKET_CODECPAR);
   }
 
-  if (avformat_write_header(output, nullptr) < 0) return Fail(ERROR_AVFORMAT_PACKET_WRITEHEADER);
+  const int header = avformat_write_header(output, nullptr);
   // The header is out at once, before any packet: a file output is readable from here on.
-  if (output->pb != nullptr) avio_flush(output->pb);
-  return true;
+  if (header >= 0 && output->pb != nullptr) avio_flush(output->pb);
+  tally.Observe(output, info.llBytesSeen);
+  return header >= 0 || Fail(ERROR_AVFORMAT_PACKET_WRITEHEADER);
 }
 
 }  // namespace
@@ -87,7 +90,7 @@ bool CAVFormat_UNPack::AVFormat_UNPack_Output(void* lpTask, AVCODEC_FORMATINFO**
     if (records[i] == nullptr) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
     // Only a finished output joins the list; a failed one is released here.
     AVPACKET_FILE_INFO info;
-    if (!MakeOutput(info, *records[i], input->streams[i])) return false;
+    if (!MakeOutput(info, *records[i], input->streams[i], task->stTally)) return false;
     task->pInfoList.push_back(std::move(info));
   }
   return true;

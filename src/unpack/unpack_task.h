@@ -8,6 +8,7 @@
 
 #include "Quorvel_AVFormat.h"
 #include "core/io.h"
+#include "core/report.h"
 
 // One output: a container that holds the packets of one input stream.
 struct AVPACKET_FILE_INFO {
@@ -16,6 +17,7 @@ struct AVPACKET_FILE_INFO {
   quorvel::BridgeBuffer pIOBuffer;        // caller-write outputs only
   quorvel::BridgeIO pIOContext;           // caller-write outputs only
   quorvel::OutputContext pFormatContext;  // one stream, header written
+  int64_t llBytesSeen = 0;                // this output's bytes that the task's tally has counted
 };
 
 struct AVPACKET_FILE_UNPACK {
@@ -44,6 +46,8 @@ struct AVPACKET_FILE_UNPACK {
     if (bReadKept) av_packet_unref(pReadPacket.get());
     bReadKept = false;
   }
+  // What the task has done over all its outputs, for GetReport.
+  quorvel::TaskTally stTally;
   // Read, Seek and GetAVCodec run on the caller's thread against the input the worker reads.
   std::mutex mtxInput;
 };

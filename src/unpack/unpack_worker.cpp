@@ -42,6 +42,7 @@ int CAVFormat_UNPack::AVFormat_UNPack_Thread(void* lpTask) {
 
   // Read under the input's lock: Seek and GetAVCodec use the input from the caller's thread.
   while (packet != nullptr && quorvel::ReadNextPacket(task->bRunning, task->bPause, task->mtxInput, input, packet)) {
+    task->stTally.CountRead();
     AVPACKET_FILE_INFO* info = OutputOf(task->pInfoList, packet->stream_index);
     if (info == nullptr) {
       av_packet_unref(packet);
@@ -54,7 +55,7 @@ int CAVFormat_UNPack::AVFormat_UNPack_Thread(void* lpTask) {
     const double seconds = static_cast<double>(packet->pts) * av_q2d(output->streams[0]->time_base);
 
     if (format.dlStartTime <= 0.0 || seconds >= format.dlStartTime) {
-      if (av_interleaved_write_frame(output, packet) < 0) {
+      if (task->stTally.Write(output, packet, info->llBytesSeen) < 0) {
         av_packet_unref(packet);
         break;
       }
@@ -108,7 +109,7 @@ bool CAVFormat_UNPack::AVFormat_UNPack_Stop(void* lpTask) noexcept {
   // the list has its header), file, context and bridge; the input's bridge.
   task->pFormatContext.reset();
   for (AVPACKET_FILE_INFO& info : task->pInfoList) {
-    av_write_trailer(info.pFormatContext.get());
+    task->stTally.WriteTrailer(info.pFormatContext.get(), info.llBytesSeen);
     info.pFormatContext.reset();
     info.pIOContext.reset();
     info.pIOBuffer.reset();

@@ -1,15 +1,14 @@
 /*
  * A caller that declares the interface itself, from its documentation alone,
  * without the library's header: the prototypes, the output record with its
- * layout, and the error globals. It makes a clip with the ffmpeg tool
- * (argv[1]) in a scratch directory (argv[2]), writes its video stream to a
- * file of its own through its own record, and checks the error state on the
- * way. Exit status 0 means it all worked.
+ * layout, and the error globals. It writes the video stream of a clip
+ * (argv[1], 6 video packets) to a file (argv[2]) through its own record, and
+ * checks the error state on the way. Exit status 0 means it all worked.
  */
 #include <stdbool.h>
 #include <stdint.h>
 #include <stdio.h>
-#include <stdlib.h>
+#include <string.h>
 #include <unistd.h>
 
 typedef struct {
@@ -31,6 +30,7 @@ extern bool AVFormat_UNPack_Start(void*);
 extern bool AVFormat_UNPack_GetStatus(void*, bool*);
 extern bool AVFormat_UNPack_Stop(void*);
 
+/* Progress reports the output's stream index and its packet count from 0. */
 static void progress(void* reserved, int stream, long long number, double seconds, void* context) {
   (void)reserved, (void)seconds;
   if (stream == 0) *(long long*)context = number + 1;
@@ -40,34 +40,22 @@ static void progress(void* reserved, int stream, long long number, double second
   if (!(condition)) return fprintf(stderr, "%s:%d: %s\n", __FILE__, __LINE__, #condition), 1
 
 int main(int argc, char** argv) {
-  CHECK(argc == 3);
-  CHECK(!AVForamt_IsErrorOccur && AVFormat_GetLastError(NULL) == 0);  // nothing failed yet
-  char command[4096], input[1024];
-  MY_FORMATINFO output = {.stream = 0};
-  snprintf(input, sizeof input, "%s/declared_in.mkv", argv[2]);
-  snprintf(output.name, sizeof output.name, "%s/declared_out.mkv", argv[2]);
-  snprintf(command, sizeof command, "'%s' -nostdin -v error -y -f lavfi -i testsrc=d=1:s=160x120:r=25 -c:v mpeg4 '%s'",
-           argv[1], input);
-  CHECK(system(command) == 0);
-
+  CHECK(argc == 3 && strlen(argv[2]) < 264);
+  CHECK(!AVForamt_IsErrorOccur && AVFormat_GetLastError(NULL) == 0); /* nothing has failed yet */
   long long packets = 0;
   void* task = AVFormat_UNPack_Init(progress, &packets);
-  CHECK(task != NULL);
-  CHECK(!AVFormat_UNPack_Input(task, "/nonexistent/x.mkv", NULL, NULL));
+  CHECK(task != NULL && !AVFormat_UNPack_Input(task, "/nonexistent/x.mkv", NULL, NULL));
   CHECK(AVForamt_IsErrorOccur && AVForamt_dwErrorCode == 0x80D1004 && AVFormat_GetLastError(NULL) == 0x80D1004);
-  CHECK(AVFormat_UNPack_Input(task, input, NULL, NULL));
+  CHECK(AVFormat_UNPack_Input(task, argv[1], NULL, NULL));
   CHECK(!AVForamt_IsErrorOccur && AVForamt_dwErrorCode == 0x80D1004);
-  MY_FORMATINFO* records[] = {&output};
-  MY_FORMATINFO** list = records;
+  MY_FORMATINFO output = {.stream = 0}, *records[] = {&output}, **list = records;
+  strcpy(output.name, argv[2]);
   CHECK(AVFormat_UNPack_Output(task, &list, 1) && AVFormat_UNPack_Start(task));
   bool running = true;
   while (AVFormat_UNPack_GetStatus(task, &running) && running) usleep(10000);
-  CHECK(AVFormat_UNPack_Stop(task));
-  CHECK(packets == 25);
-  FILE* written = fopen(output.name, "rb");
-  CHECK(written != NULL && fseek(written, 0, SEEK_END) == 0 && ftell(written) > 25 * 100);
+  CHECK(AVFormat_UNPack_Stop(task) && packets == 6);
+  FILE* written = fopen(argv[2], "rb");
+  CHECK(written != NULL && fseek(written, 0, SEEK_END) == 0 && ftell(written) > 1000);
   fclose(written);
-  unlink(input);
-  unlink(output.name);
-  return 0;
+  return unlink(argv[2]);
 }

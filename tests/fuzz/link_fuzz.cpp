@@ -10,7 +10,6 @@
 #include "fuzz/fuzz_io.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  qfuzz::Quiet();
   const char* scratch = std::getenv("TMPDIR");
   static const std::string base =
       std::string(scratch != nullptr ? scratch : "/tmp") + "/quorvel-link-fuzz-" + std::to_string(getpid());

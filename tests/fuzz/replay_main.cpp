@@ -15,17 +15,11 @@ int main(int argc, char** argv) {
   namespace fs = std::filesystem;
   int total = 0;
   for (int i = 1; i < argc; ++i) {
-    std::vector<fs::path> files;
-    if (fs::is_directory(argv[i])) {
-      for (const fs::directory_entry& entry : fs::recursive_directory_iterator(argv[i]))
-        if (entry.is_regular_file() && entry.path().filename().string()[0] != '.') files.push_back(entry.path());
-    } else if (fs::is_regular_file(argv[i])) {
-      files.emplace_back(argv[i]);
-    } else {
-      std::fprintf(stderr, "missing: %s\n", argv[i]);
-      return 1;
-    }
+    if (!fs::exists(argv[i])) return std::fprintf(stderr, "missing: %s\n", argv[i]), 1;
+    std::vector<fs::path> files{argv[i]};
+    if (fs::is_directory(argv[i])) files.assign(fs::directory_iterator(argv[i]), fs::directory_iterator());
     for (const fs::path& file : files) {
+      if (file.filename().string()[0] == '.') continue;  // .gitkeep
       std::ifstream in(file, std::ios::binary);
       const std::vector<uint8_t> bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
       std::printf("replaying %s (%zu bytes)\n", file.c_str(), bytes.size());
@@ -35,5 +29,4 @@ int main(int argc, char** argv) {
     }
   }
   std::printf("%d inputs replayed\n", total);
-  return 0;
 }

@@ -7,7 +7,6 @@
 #include "fuzz/fuzz_io.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  qfuzz::Quiet();
   // Read's buffer must hold the largest packet; a demuxer's packets come out
   // of the input's bytes, and never reach this size from a fuzzer's input.
   static std::vector<unsigned char> packet(64u << 20);

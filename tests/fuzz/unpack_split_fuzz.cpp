@@ -4,7 +4,6 @@
 #include "fuzz/fuzz_io.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  qfuzz::Quiet();
   qfuzz::ByteSource source{data, size};
   void* task = AVFormat_UNPack_Init(qfuzz::IgnoreProgress, nullptr);
   if (task != nullptr && AVFormat_UNPack_Input(task, nullptr, qfuzz::ByteSource::Read, &source)) {

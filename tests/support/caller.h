@@ -2,9 +2,12 @@
 // they are told, read and write functions over memory, and waiting for a task.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
+#include <cstring>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -16,16 +19,24 @@
 namespace qtest {
 
 // Records every progress call; pass Record as the callback and the log as its context.
-struct ProgressLog {
+class ProgressLog {
+ public:
   struct Call {
     void* reserved;
     int type;
     long long number;
     double seconds;
   };
-  static void Record(void* reserved, int type, long long number, double seconds, void* context);
-  std::vector<Call> Calls() const;
-  size_t Count() const;
+  static void Record(void* reserved, int type, long long number, double seconds, void* context) {
+    auto* log = static_cast<ProgressLog*>(context);
+    std::lock_guard<std::mutex> guard(log->lock_);
+    log->calls_.push_back(Call{reserved, type, number, seconds});
+  }
+  std::vector<Call> Calls() const {
+    std::lock_guard<std::mutex> guard(lock_);
+    return calls_;
+  }
+  size_t Count() const { return Calls().size(); }
 
  private:
   mutable std::mutex lock_;
@@ -36,7 +47,20 @@ struct ProgressLog {
 // delivers that many bytes and then fails with `failure`.
 struct MemoryReader {
   explicit MemoryReader(std::vector<uint8_t> bytes) : data(std::move(bytes)) {}
-  static int Read(void* context, unsigned char* buffer, int size);
+  static int Read(void* context, unsigned char* buffer, int size) {
+    auto* reader = static_cast<MemoryReader*>(context);
+    ++reader->calls;
+    size_t end = reader->data.size();
+    if (reader->fail_after >= 0) {
+      if (reader->position >= static_cast<size_t>(reader->fail_after)) return reader->failure;
+      end = std::min(end, static_cast<size_t>(reader->fail_after));
+    }
+    const size_t count = std::min(end - reader->position, static_cast<size_t>(size));
+    if (count == 0) return AVFORMAT_IO_EOF;
+    std::memcpy(buffer, reader->data.data() + reader->position, count);
+    reader->position += count;
+    return static_cast<int>(count);
+  }
   std::vector<uint8_t> data;
   size_t position = 0;
   long long fail_after = -1;
@@ -45,16 +69,28 @@ struct MemoryReader {
 };
 
 // A caller write function that collects the bytes; with fail_after set it
-// accepts that many bytes and then fails.
+// accepts that many bytes and then fails with EIO.
 struct MemoryWriter {
-  static int Write(void* context, unsigned char* buffer, int size);
+  static int Write(void* context, unsigned char* buffer, int size) {
+    auto* writer = static_cast<MemoryWriter*>(context);
+    ++writer->calls;
+    if (writer->fail_after >= 0 && static_cast<long long>(writer->data.size() + size) > writer->fail_after) return -5;
+    writer->data.insert(writer->data.end(), buffer, buffer + size);
+    return size;
+  }
   std::vector<uint8_t> data;
   long long fail_after = -1;
   std::atomic<int> calls{0};
 };
 
 // Polls `done` until it holds or `timeout` passes; returns whether it held.
-bool WaitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout = std::chrono::seconds(30));
+inline bool WaitUntil(const std::function<bool()>& done,
+                      std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  for (; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(5)))
+    if (std::chrono::steady_clock::now() > deadline) return false;
+  return true;
+}
 
 // The error state right after a call, as one value for assertions.
 struct ErrorState {
@@ -62,7 +98,12 @@ struct ErrorState {
   uint64_t code;
   bool operator==(const ErrorState& other) const { return occurred == other.occurred && code == other.code; }
 };
-ErrorState LastError();
-std::string ToString(const ErrorState& state);
+inline ErrorState LastError() { return ErrorState{AVForamt_IsErrorOccur, AVFormat_GetLastError(nullptr)}; }
+inline std::string ToString(const ErrorState& state) {
+  char text[64];
+  std::snprintf(text, sizeof text, "{occurred=%d, code=0x%llx}", state.occurred ? 1 : 0,
+                static_cast<unsigned long long>(state.code));
+  return text;
+}
 
 }  // namespace qtest

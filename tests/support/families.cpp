@@ -1,32 +1,36 @@
 #include "support/families.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <thread>
+#include <utility>
 
 namespace qtest {
 namespace {
 
-// The calls every family has, in the order of Family.
+// The calls of each family, in the order of Family; concatenation has other
+// set-up calls and demultiplexing another Output.
 struct Calls {
   void* (*init)(AVFORMAT_PROGRESS_CALLBACK, void*);
+  bool (*input)(void*, const char*, AVFORMAT_IO_FUNCTION, void*);
+  bool (*output)(void*, const char*, double, double, AVFORMAT_IO_FUNCTION, void*);
   bool (*start)(void*);
   bool (*suspend)(void*, bool);
   bool (*status)(void*, bool*);
   bool (*stop)(void*);
 };
 const Calls kCalls[] = {
-    {AVFormat_Convert_Init, AVFormat_Convert_Start, AVFormat_Convert_Suspend, AVFormat_Convert_GetStatus,
-     AVFormat_Convert_Stop},
-    {AVFormat_UNPack_Init, AVFormat_UNPack_Start, AVFormat_UNPack_Suspend, AVFormat_UNPack_GetStatus,
-     AVFormat_UNPack_Stop},
-    {AVFormat_Packet_Init, AVFormat_Packet_Start, AVFormat_Packet_Suspend, AVFormat_Packet_GetStatus,
-     AVFormat_Packet_Stop},
-    {AVFormat_Link_Init, AVFormat_Link_Start, AVFormat_Link_Suspend, AVFormat_Link_GetStatus, AVFormat_Link_Stop},
+    {AVFormat_Convert_Init, AVFormat_Convert_Input, AVFormat_Convert_Output, AVFormat_Convert_Start,
+     AVFormat_Convert_Suspend, AVFormat_Convert_GetStatus, AVFormat_Convert_Stop},
+    {AVFormat_UNPack_Init, AVFormat_UNPack_Input, nullptr, AVFormat_UNPack_Start, AVFormat_UNPack_Suspend,
+     AVFormat_UNPack_GetStatus, AVFormat_UNPack_Stop},
+    {AVFormat_Packet_Init, AVFormat_Packet_Input, AVFormat_Packet_Output, AVFormat_Packet_Start,
+     AVFormat_Packet_Suspend, AVFormat_Packet_GetStatus, AVFormat_Packet_Stop},
+    {AVFormat_Link_Init, nullptr, nullptr, AVFormat_Link_Start, AVFormat_Link_Suspend, AVFormat_Link_GetStatus,
+     AVFormat_Link_Stop},
 };
-const Calls& Of(Family family) { return kCalls[static_cast<int>(family)]; }
-
-const char* const kMissing = "/nonexistent/missing.mkv";
+const Calls& Of(Family family) {
+  return kCalls[static_cast<int>(family)];
+}
 
 }  // namespace
 
@@ -36,21 +40,17 @@ const char* Name(Family family) {
 }
 
 const Codes& CodesOf(Family family) {
-  static const Codes convert{ERROR_AVFORMAT_CONVERT_PARAMETER,   ERROR_AVFORMAT_CONVERT_PARAMETER,
-                             ERROR_AVFORMAT_CONVERT_STATUS,      ERROR_AVFORMAT_CONVERT_OPEN,
-                             ERROR_AVFORMAT_CONVERT_OUTPUTFORMAT, ERROR_AVFORMAT_CONVERT_STREAMINFO,
-                             ERROR_AVFORMAT_CONVERT_CODECPAR,    ERROR_AVFORMAT_CONVERT_WRITEHEADER};
-  // The multiplexing range has no code of its own for unreadable stream information.
-  static const Codes packet{ERROR_AVFORMAT_PACKET_PARAMETER,    ERROR_AVFORMAT_PACKET_PARAMETER,
-                            ERROR_AVFORMAT_PACKET_STATUS,       ERROR_AVFORMAT_PACKET_OPEN,
-                            ERROR_AVFORMAT_PACKET_OUTPUTFORMAT, ERROR_AVFORMAT_PACKET_PARAMETER,
-                            ERROR_AVFORMAT_PACKET_CODECPAR,     ERROR_AVFORMAT_PACKET_WRITEHEADER};
-  static const Codes link{ERROR_AVFORMAT_LINK_PARAMETER,    ERROR_AVFORMAT_PACKET_PARAMETER,
-                          ERROR_AVFORMAT_PACKET_STATUS,     ERROR_AVFORMAT_LINK_OPEN,
-                          ERROR_AVFORMAT_LINK_OUTPUTFORMAT, ERROR_AVFORMAT_LINK_STREAMINFO,
-                          ERROR_AVFORMAT_LINK_CODECPAR,     ERROR_AVFORMAT_LINK_WRITEHEADER};
-  const Codes* codes[] = {&convert, &packet, &packet, &link};
-  return *codes[static_cast<int>(family)];
+#define E(name) ERROR_AVFORMAT_##name
+  static const Codes codes[] = {
+      {E(CONVERT_PARAMETER), E(CONVERT_PARAMETER), E(CONVERT_STATUS), E(CONVERT_OPEN), E(CONVERT_OUTPUTFORMAT),
+       E(CONVERT_STREAMINFO), E(CONVERT_CODECPAR), E(CONVERT_WRITEHEADER)},
+      // The multiplexing range has no code of its own for unreadable stream information.
+      {E(PACKET_PARAMETER), E(PACKET_PARAMETER), E(PACKET_STATUS), E(PACKET_OPEN), E(PACKET_OUTPUTFORMAT),
+       E(PACKET_PARAMETER), E(PACKET_CODECPAR), E(PACKET_WRITEHEADER)},
+      {E(LINK_PARAMETER), E(PACKET_PARAMETER), E(PACKET_STATUS), E(LINK_OPEN), E(LINK_OUTPUTFORMAT), E(LINK_STREAMINFO),
+       E(LINK_CODECPAR), E(LINK_WRITEHEADER)}};
+#undef E
+  return codes[family == Family::kConvert ? 0 : family == Family::kLink ? 2 : 1];
 }
 
 AnyTask::AnyTask(Family which, std::chrono::microseconds delay)
@@ -63,7 +63,7 @@ void AnyTask::Progress(void* reserved, int type, long long number, double second
     self->held = true;
     while (!self->released) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
-  if (self->delay_.count() > 0) std::this_thread::sleep_for(self->delay_);
+  std::this_thread::sleep_for(self->delay_);
 }
 
 bool AnyTask::Check(bool ok) {
@@ -75,49 +75,32 @@ bool AnyTask::Input(const std::vector<Source>& sources) {
   bool ok = !sources.empty();
   for (const Source& s : sources) {
     const char* url = s.reader != nullptr && s.url.empty() ? nullptr : s.url.c_str();
-    const AVFORMAT_IO_FUNCTION read = s.reader != nullptr ? MemoryReader::Read : nullptr;
-    switch (family) {
-      case Family::kConvert: return Check(AVFormat_Convert_Input(handle_, url, read, s.reader));
-      case Family::kUnpack: return Check(AVFormat_UNPack_Input(handle_, url, read, s.reader));
-      case Family::kPacket: ok = ok && Check(AVFormat_Packet_Input(handle_, url, read, s.reader)); break;
-      case Family::kLink: ok = ok && Check(AVFormat_Link_Input(handle_, url, s.start, s.end, s.video, s.audio));
-    }
+    ok = ok && Check(family == Family::kLink
+                         ? AVFormat_Link_Input(handle_, url, 0, 0, 0, 1)
+                         : Of(family).input(handle_, url, s.reader ? MemoryReader::Read : nullptr, s.reader));
+    if (family == Family::kConvert || family == Family::kUnpack) break;
   }
   return ok;
 }
 
-bool AnyTask::Output(const std::vector<Sink>& sinks) {
-  if (sinks.empty()) return false;
-  const Sink& s = sinks.front();
-  const AVFORMAT_IO_FUNCTION write = s.writer != nullptr ? MemoryWriter::Write : nullptr;
-  switch (family) {
-    case Family::kConvert: return Check(AVFormat_Convert_Output(handle_, s.name.c_str(), s.start, s.end, write, s.writer));
-    case Family::kPacket: return Check(AVFormat_Packet_Output(handle_, s.name.c_str(), s.start, s.end, write, s.writer));
-    case Family::kLink: return Check(AVFormat_Link_Output(handle_, s.name.c_str()));
-    case Family::kUnpack: break;
-  }
-  std::vector<AVCODEC_FORMATINFO> records(sinks.size());
-  std::vector<AVCODEC_FORMATINFO*> pointers;
-  for (size_t i = 0; i < sinks.size(); ++i) {
-    const Sink& sink = sinks[i];
-    std::snprintf(records[i].szName, sizeof records[i].szName, "%s", sink.name.c_str());
-    records[i].dlStartTime = sink.start;
-    records[i].dlEndTime = sink.end;
-    records[i].nStreamIndex = sink.stream;
-    records[i].pWriteFunc = sink.writer != nullptr ? MemoryWriter::Write : nullptr;
-    records[i].pWriteContext = sink.writer;
-    pointers.push_back(&records[i]);
-  }
-  AVCODEC_FORMATINFO** list = pointers.data();
-  return Check(AVFormat_UNPack_Output(handle_, &list, static_cast<int>(sinks.size())));
+bool AnyTask::Output(const Sink& sink) {
+  const AVFORMAT_IO_FUNCTION write = sink.writer != nullptr ? MemoryWriter::Write : nullptr;
+  if (family == Family::kLink) return Check(AVFormat_Link_Output(handle_, sink.name.c_str()));
+  if (family != Family::kUnpack) return Check(Of(family).output(handle_, sink.name.c_str(), 0, 0, write, sink.writer));
+  AVCODEC_FORMATINFO record{};
+  std::snprintf(record.szName, sizeof record.szName, "%s", sink.name.c_str());
+  record.pWriteFunc = write;
+  record.pWriteContext = sink.writer;
+  AVCODEC_FORMATINFO *records[] = {&record}, **list = records;
+  return Check(AVFormat_UNPack_Output(handle_, &list, 1));
 }
 
-bool AnyTask::Reach(Stage stage, const std::vector<Source>& sources, const std::vector<Sink>& sinks) {
+bool AnyTask::Reach(Stage stage, const std::vector<Source>& sources, const Sink& sink) {
   if (stage == Stage::kNull) return Stop();
-  const bool input_first = family == Family::kUnpack;
+  const char* const missing = "/nonexistent/missing.mkv";
   const auto call = [&](bool first, bool fail) {
-    if (first == input_first) return Input(fail ? std::vector<Source>{{kMissing}} : sources);
-    return Output(fail ? std::vector<Sink>{{kMissing}} : sinks);
+    if (first == (family == Family::kUnpack)) return Input(fail ? std::vector<Source>{{missing}} : sources);
+    return Output(fail ? Sink{missing} : sink);
   };
   if (stage == Stage::kInit) return handle_ != nullptr;
   if (stage == Stage::kFirstFailed) return !call(true, true);
@@ -136,30 +119,34 @@ bool AnyTask::Reach(Stage stage, const std::vector<Source>& sources, const std::
   return paused;
 }
 
-bool AnyTask::Start() { return Check(Of(family).start(handle_)); }
-bool AnyTask::Suspend(bool pause) { return Check(Of(family).suspend(handle_, pause)); }
-bool AnyTask::Status(bool* running) { return Check(Of(family).status(handle_, running)); }
+bool AnyTask::Start() {
+  return Check(Of(family).start(handle_));
+}
+bool AnyTask::Suspend(bool pause) {
+  return Check(Of(family).suspend(handle_, pause));
+}
+bool AnyTask::Status(bool* running) {
+  return Check(Of(family).status(handle_, running));
+}
 
 bool AnyTask::Running() {
   bool running = false;
   return Status(&running) && running;
 }
 
-bool AnyTask::WaitForEnd(std::chrono::milliseconds timeout) {
-  return WaitUntil([this] { return !Running(); }, timeout);
+bool AnyTask::WaitForEnd() {
+  return WaitUntil([this] { return !Running(); }, std::chrono::seconds(60));
 }
 
 bool AnyTask::Stop() {
-  void* handle = handle_;
-  handle_ = nullptr;
+  void* handle = std::exchange(handle_, nullptr);
   released = true;
   if (family == Family::kLink && handle != nullptr) AVFormat_Link_Suspend(handle, false);
   return Of(family).stop(handle);
 }
 
 bool AnyTask::StopFromAnotherThread(std::chrono::milliseconds after) {
-  void* handle = handle_;
-  handle_ = nullptr;
+  void* handle = std::exchange(handle_, nullptr);
   std::atomic<bool> returned{false};
   std::thread stopper([&] { returned = Of(family).stop(handle); });
   std::this_thread::sleep_for(after);

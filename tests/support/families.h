@@ -6,8 +6,8 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/caller.h"
@@ -28,29 +28,23 @@ struct Codes {
 };
 const Codes& CodesOf(Family family);
 
-// Where a task reads: a file name or URL, or (all but concatenation) a caller
-// read function. Concatenation also takes a cut and two stream indexes per input.
+// Where a task reads: a file name or URL, or (all but concatenation) a caller read function.
 struct Source {
   std::string url;
   MemoryReader* reader = nullptr;
-  double start = 0, end = 0;
-  int video = 0, audio = 1;
 };
-
-// Where a task writes: a file name, or with a writer a format's short name;
-// the cut (not concatenation's); the input stream it holds (demultiplexing).
+// Where a task writes: a file name, or with a writer a format's short name. A
+// demultiplexing task writes input stream 0 there.
 struct Sink {
   std::string name;
   MemoryWriter* writer = nullptr;
-  double start = 0, end = 0;
-  int stream = 0;
 };
 
 // How far Reach takes a task. "First" and "second" are the family's set-up
 // calls in its order: Output then Input, but Input then Output for
 // demultiplexing. A failed stage makes that call with a name that can't be
-// opened. kHeld leaves the worker inside progress call `hold_at`; kPaused lets
-// that call return into a pause.
+// opened. kHeld leaves the worker inside progress call `hold_at` (from 0);
+// kPaused lets that call return into a pause.
 enum class Stage { kNull, kInit, kFirstFailed, kFirst, kSecondFailed, kSetUp, kHeld, kPaused, kEnded };
 
 class AnyTask {
@@ -58,33 +52,31 @@ class AnyTask {
   // A `delay` makes every progress call take that long, as a slow caller's would.
   explicit AnyTask(Family family, std::chrono::microseconds delay = {});
   ~AnyTask() { Stop(); }
-  AnyTask(const AnyTask&) = delete;
-  AnyTask& operator=(const AnyTask&) = delete;
 
-  // False when a call did not do what the stage asks; the code of a refused call is in `code`.
-  bool Reach(Stage stage, const std::vector<Source>& sources, const std::vector<Sink>& sinks);
-  // Conversion and demultiplexing use the first source, the others every one;
-  // demultiplexing uses every sink, the others the first.
-  bool Input(const std::vector<Source>& sources);
-  bool Output(const std::vector<Sink>& sinks);
+  // False when a call did not do what the stage asks; a refused call's code is then in `code`.
+  bool Reach(Stage stage, const std::vector<Source>& sources, const Sink& sink);
+  bool Input(const std::vector<Source>& sources);  // one input per source (conversion and demultiplexing: the first)
+  bool Output(const Sink& sink);
   bool Start();
   bool Suspend(bool pause);
-  bool Status(bool* running);  // GetStatus as it is
+  bool Status(bool* running);
   bool Running();
-  bool WaitForEnd(std::chrono::milliseconds timeout = std::chrono::seconds(60));
-  // Stop, after letting a held worker go and resuming a concatenation task
-  // (whose Stop waits for a paused worker). Also with a null handle.
+  bool WaitForEnd();
+  // Stop, after letting a held worker go and resuming a concatenation task,
+  // whose Stop waits for a paused worker. Also with a null handle.
   bool Stop();
   // Stop, called on another thread while the worker is held or paused; after
-  // `after`, the task is resumed and the held call let go. Returns whether Stop
+  // `after` the task is resumed and the held call let go. Returns whether Stop
   // had returned by then.
   bool StopFromAnotherThread(std::chrono::milliseconds after);
   void* handle() const { return handle_; }
+  // Hands the handle over to a caller who stops it itself (Stop then does nothing).
+  void* Release() { return std::exchange(handle_, nullptr); }
 
   const Family family;
   ProgressLog log;
-  uint64_t code = 0;      // of the last refused call
-  long long hold_at = 0;  // the progress call, counted from 0, that kHeld and kPaused hold
+  uint64_t code = 0;
+  long long hold_at = 0;
   std::atomic<bool> held{false}, released{false};
 
  private:

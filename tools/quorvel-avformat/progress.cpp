@@ -80,17 +80,18 @@ void ProgressDisplay::Update(const ProgressCounter& counter, bool paused) {
   }
 }
 
-void ProgressDisplay::Finish(const ProgressCounter& counter, const std::string& outcome) {
-  if (mode_ == ProgressMode::kJson) PrintJson("end", counter, outcome, false);
+void ProgressDisplay::Finish(const ProgressCounter& counter, const std::string& outcome, long long refused) {
+  if (mode_ == ProgressMode::kJson) PrintJson("end", counter, outcome, false, refused);
   if (mode_ != ProgressMode::kBar) return;
   PrintBar(counter, false, true);
   const auto position = counter.position();
-  fmt::print(stderr, "{}: {} packets up to {} in {:.1f} s\n", outcome, counter.packets(),
-             position ? ClockText(*position) : "-", Elapsed());
+  fmt::print(stderr, "{}: {} packets up to {} in {:.1f} s{}\n", outcome, counter.packets(),
+             position ? ClockText(*position) : "-", Elapsed(),
+             refused > 0 ? fmt::format(", {} refused by the output", refused) : "");
 }
 
 void ProgressDisplay::PrintJson(const char* event, const ProgressCounter& counter, const std::string& outcome,
-                                bool paused) {
+                                bool paused, long long refused) {
   const auto position = counter.position();
   nlohmann::ordered_json line = {{"event", event},
                                  {"packets", counter.packets()},
@@ -102,6 +103,7 @@ void ProgressDisplay::PrintJson(const char* event, const ProgressCounter& counte
     line["paused"] = paused;
   } else {
     line["outcome"] = outcome;
+    line["refused"] = refused;
   }
   fmt::print(stderr, "{}\n", line.dump());
   std::fflush(stderr);

@@ -43,15 +43,17 @@ class ProgressDisplay {
   // key help to the bar.
   ProgressDisplay(ProgressMode mode, std::optional<Span> span, bool keys);
   void Update(const ProgressCounter& counter, bool paused);
-  // Last line: `outcome` is "finished", "stopped" or "interrupted".
-  void Finish(const ProgressCounter& counter, const std::string& outcome);
+  // Last line: `outcome` is "finished", "stopped" or "interrupted"; `refused`
+  // counts the packets that the output's muxer did not take.
+  void Finish(const ProgressCounter& counter, const std::string& outcome, long long refused);
 
  private:
   using Clock = std::chrono::steady_clock;
   double Elapsed() const;
   std::optional<double> Percent(std::optional<double> position) const;
   std::optional<double> Speed(const ProgressCounter& counter) const;
-  void PrintJson(const char* event, const ProgressCounter& counter, const std::string& outcome, bool paused);
+  void PrintJson(const char* event, const ProgressCounter& counter, const std::string& outcome, bool paused,
+                 long long refused = 0);
   void PrintBar(const ProgressCounter& counter, bool paused, bool final);
 
   ProgressMode mode_;

@@ -1,25 +1,50 @@
 #include "task.h"
 
+#include <fmt/core.h>
+
 #include <string>
 
+extern "C" {
+#include <libavutil/error.h>
+}
+
 #include "Quorvel_AVFormat.h"
+#include "caller_io.h"
 #include "errors.h"
 #include "terminal.h"
 
 namespace qtool {
 
-const Family kConversion{"conversion", AVFormat_Convert_GetStatus, AVFormat_Convert_Suspend, AVFormat_Convert_Stop};
+const Family kConversion{"conversion", AVFormat_Convert_GetStatus, AVFormat_Convert_Suspend,
+                         AVFormat_Convert_StopWithReport};
 const Family kDemultiplexing{"demultiplexing", AVFormat_UNPack_GetStatus, AVFormat_UNPack_Suspend,
-                             AVFormat_UNPack_Stop};
-const Family kMultiplexing{"multiplexing", AVFormat_Packet_GetStatus, AVFormat_Packet_Suspend, AVFormat_Packet_Stop};
-const Family kConcatenation{"concatenation", AVFormat_Link_GetStatus, AVFormat_Link_Suspend, AVFormat_Link_Stop};
+                             AVFormat_UNPack_StopWithReport};
+const Family kMultiplexing{"multiplexing", AVFormat_Packet_GetStatus, AVFormat_Packet_Suspend,
+                           AVFormat_Packet_StopWithReport};
+const Family kConcatenation{"concatenation", AVFormat_Link_GetStatus, AVFormat_Link_Suspend,
+                            AVFormat_Link_StopWithReport};
 
 void Task::Stop() {
   if (handle_ == nullptr) return;
   family_.suspend(handle_, false);
-  family_.stop(handle_);
+  report_.dwSize = sizeof report_;
+  family_.stop_with_report(handle_, &report_);
   handle_ = nullptr;
 }
+
+namespace {
+
+// A write the output refused, or a failed trailer, fails the command with the
+// system's reason. Standard output's own failures are told by the command.
+void CheckWrites(const AVFORMAT_TASK_REPORT& report) {
+  const int error = report.nWriteError != 0 ? report.nWriteError : report.nTrailerResult;
+  if (error == 0 || StandardOutputError() != 0) return;
+  char reason[AV_ERROR_MAX_STRING_SIZE] = {};
+  av_strerror(error, reason, sizeof reason);
+  throw ToolFailure(fmt::format("writing the output failed: {}", reason));
+}
+
+}  // namespace
 
 Outcome RunTask(Task& task, ProgressCounter& counter, const RunSettings& settings) {
   KeyReader keys(settings.keys);
@@ -47,9 +72,12 @@ Outcome RunTask(Task& task, ProgressCounter& counter, const RunSettings& setting
   }
   keys.Restore();
   task.Stop();
-  display.Finish(counter, outcome == Outcome::kFinished  ? "finished"
-                          : outcome == Outcome::kStopped ? "stopped"
-                                                         : "interrupted");
+  display.Finish(counter,
+                 outcome == Outcome::kFinished  ? "finished"
+                 : outcome == Outcome::kStopped ? "stopped"
+                                                : "interrupted",
+                 task.report().llPacketsRefused);
+  CheckWrites(task.report());
   return outcome;
 }
 

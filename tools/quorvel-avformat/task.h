@@ -4,6 +4,7 @@
 
 #include <optional>
 
+#include "Quorvel_AVFormat.h"
 #include "progress.h"
 
 namespace qtool {
@@ -13,7 +14,7 @@ struct Family {
   const char* name;
   bool (*get_status)(void* task, bool* running);
   bool (*suspend)(void* task, bool pause);
-  bool (*stop)(void* task);
+  bool (*stop_with_report)(void* task, AVFORMAT_TASK_REPORT* report);
 };
 extern const Family kConversion, kDemultiplexing, kMultiplexing, kConcatenation;
 
@@ -28,12 +29,15 @@ class Task {
 
   void* get() const { return handle_; }
   const Family& family() const { return family_; }
-  // Stops the worker, writes the trailer and releases the task.
+  // Stops the worker, writes the trailer and releases the task, keeping its report.
   void Stop();
+  // What the task did, as it stood after its trailer; zeros before Stop.
+  const AVFORMAT_TASK_REPORT& report() const { return report_; }
 
  private:
   const Family& family_;
   void* handle_;
+  AVFORMAT_TASK_REPORT report_{};
 };
 
 struct RunSettings {
@@ -45,7 +49,8 @@ struct RunSettings {
 enum class Outcome { kFinished, kStopped, kInterrupted };
 
 // Waits for a started task's worker to end, or for the user to stop it, then
-// stops the task. Throws LibraryFailure when the task refuses a call.
+// stops the task. Throws LibraryFailure when the task refuses a call, and
+// ToolFailure when a write to the output or its trailer failed.
 Outcome RunTask(Task& task, ProgressCounter& counter, const RunSettings& settings);
 
 // 0 for a task that finished or was stopped with q, 128 + the signal's number
