@@ -130,7 +130,8 @@ typedef struct AVCODEC_TIMEBASE {
 /**
  * The timing of one packet, in ticks of the AVCODEC_TIMEBASE that travels
  * beside it. An unknown time is AV_NOPTS_VALUE (INT64_MIN), carried unchanged.
- * Whether a packet is a key frame does not cross the interface.
+ * Whether a packet is a key frame is not part of it: only
+ * AVFormat_UNPack_ReadSized() reports it, in its flags.
  */
 typedef struct AVCODEC_PACKETINFO {
   int64_t pts;      /**< presentation time stamp */
@@ -717,9 +718,13 @@ QUORVEL_AVFORMAT_API bool AVFormat_Link_Stop(void* task);
  * either kind) delivers. A NULL @p data with @p capacity 0 asks for the next
  * packet's size that way. So a caller can start small and grow:
  *
- *     while (!AVFormat_UNPack_ReadSized(task, &stream, buffer, capacity, &size, &flags, &info, &time_base)) {
- *       if (AVFormat_GetLastError(NULL) != ERROR_AVFORMAT_PACKET_BUFFERSIZE) break;   // end of input, or failure
- *       buffer = realloc(buffer, capacity = size);                                       // then try again
+ *     for (;;) {
+ *       if (AVFormat_UNPack_ReadSized(task, &stream, buffer, capacity, &size, &flags, &info, &time_base))
+ *         use(buffer, size);                                  // a whole packet
+ *       else if (AVFormat_GetLastError(NULL) == ERROR_AVFORMAT_PACKET_BUFFERSIZE)
+ *         buffer = realloc(buffer, capacity = size);          // kept: read again
+ *       else
+ *         break;                                              // end of input, or a failure
  *     }
  *
  * A kept packet is forgotten by Seek (reading goes on from the new position)
