@@ -31,20 +31,6 @@ void Convert(ProgressLog& log, const std::string& input, const std::string& outp
   Finish(task);
 }
 
-// A file as ffprobe sees it. A muxer may shift a whole file (to avoid negative
-// times), so times count from the file's earliest packet.
-struct Probe {
-  explicit Probe(const std::string& path) : packets(ProbePackets(path)), streams(ProbeStreams(path)) {
-    double first = 1e300;
-    for (const ProbePacket& p : packets) first = std::min(first, Seconds(p));
-    origin = first;
-  }
-  double Seconds(const ProbePacket& p) const { return p.pts * av_q2d(streams.at(p.stream).time_base) - origin; }
-  std::vector<ProbePacket> packets;
-  std::vector<ProbeStream> streams;
-  double origin = 0;
-};
-
 // Every packet of both streams arrives, with the same bytes and times where
 // the output container keeps the bitstream as it is; one progress call each.
 TEST(ConvertRemux, KeepsEveryPacketBetweenContainersAndThroughCallerFunctions) {
@@ -63,19 +49,21 @@ TEST(ConvertRemux, KeepsEveryPacketBetweenContainersAndThroughCallerFunctions) {
     Convert(log, input, c.bridged ? "matroska" : output, 0, 0, c.bridged ? &reader : nullptr,
             c.bridged ? &writer : nullptr);
     if (c.bridged) WriteFile(output, writer.data);
-    const Probe in(input), out(output);
-    ASSERT_EQ(out.streams.size(), 2u);
+    const auto in = ProbePackets(input), out = ProbePackets(output);
+    const auto in_streams = ProbeStreams(input), out_streams = ProbeStreams(output);
+    ASSERT_EQ(out_streams.size(), 2u);
     for (int s = 0; s < 2; ++s) {
-      EXPECT_EQ(out.streams[s].codec_type, in.streams[s].codec_type);
-      const auto a = OfStream(in.packets, s), b = OfStream(out.packets, s);
+      EXPECT_EQ(out_streams[s].codec_type, in_streams[s].codec_type);
+      const auto a = OfStream(in, s), b = OfStream(out, s);
       ASSERT_EQ(a.size(), b.size()) << "stream " << s;
-      const double tick = av_q2d(out.streams[s].time_base) + 1e-9;
+      // A muxer may shift a whole stream (to avoid negative times): times count from its first packet.
+      const double from = av_q2d(in_streams[s].time_base), to = av_q2d(out_streams[s].time_base);
       for (size_t i = 0; c.exact && i < a.size(); ++i) {
         EXPECT_EQ(b[i].hash, a[i].hash) << "stream " << s << " packet " << i;
-        EXPECT_NEAR(out.Seconds(b[i]), in.Seconds(a[i]), tick) << "stream " << s << " packet " << i;
+        EXPECT_NEAR((b[i].pts - b[0].pts) * to, (a[i].pts - a[0].pts) * from, to + 1e-9) << s << " " << i;
       }
     }
-    EXPECT_EQ(log.Count(), in.packets.size());
+    EXPECT_EQ(log.Count(), in.size());
   }
 }
 
@@ -107,25 +95,15 @@ TEST(ConvertCut, StartDropsEarlyPacketsAndEndStopsOnlyOnAnExactMatch) {
   }
 }
 
-// A raw H.264 stream has no timestamps: they come from the task's packet
-// counter and the stream's frame rate and time base as the linked FFmpeg
-// reports them (they differ between versions), rescaled to the output.
+// A raw H.264 stream has no timestamps: they are made from the task's packet
+// counter and the stream's frame rate (25 fps, however the linked FFmpeg
+// states it), then rescaled to the output.
 TEST(ConvertTimestamps, RawH264GetsCounterBasedTimes) {
   ProgressLog log;
   Convert(log, RawH264Clip(), TempPath("raw.mkv"));
-  AVFormatContext* input = nullptr;
-  ASSERT_GE(avformat_open_input(&input, RawH264Clip().c_str(), nullptr, nullptr), 0);
-  ASSERT_GE(avformat_find_stream_info(input, nullptr), 0);
-  const AVRational frame_rate = input->streams[0]->r_frame_rate, time_base = input->streams[0]->time_base;
-  avformat_close_input(&input);
   const auto packets = ProbePackets(TempPath("raw.mkv"));
   ASSERT_EQ(packets.size(), 25u);
-  const auto frame_length = static_cast<int64_t>(1e6 / av_q2d(frame_rate));
-  for (size_t n = 0; n < packets.size(); ++n) {
-    const auto ticks = static_cast<int64_t>(static_cast<double>(n * frame_length) / (av_q2d(time_base) * 1e6));
-    EXPECT_EQ(packets[n].pts, av_rescale_q_rnd(ticks, time_base, {1, 1000}, AV_ROUND_NEAR_INF)) << "packet " << n;
-  }
-  EXPECT_GT(packets.back().pts, 0);
+  for (size_t n = 0; n < packets.size(); ++n) EXPECT_EQ(packets[n].pts, static_cast<int64_t>(n) * 40) << n;
 }
 
 // With both a url and a read function the url must open, and then the bridge replaces it.
@@ -160,12 +138,13 @@ TEST(ConvertStreams, DataStreamsAreDroppedAndLaterStreamsLoseTheirIndex) {
     WriteSynthetic(TempPath("layout.nut"), "nut", c.layout);
     ProgressLog log;
     Convert(log, TempPath("layout.nut"), TempPath("layout.mkv"));
-    const Probe out(TempPath("layout.mkv"));
-    ASSERT_EQ(out.streams.size(), 2u);
-    EXPECT_EQ(out.streams[0].codec_type + out.streams[1].codec_type, c.types);
+    const auto streams = ProbeStreams(TempPath("layout.mkv"));
+    const auto packets = ProbePackets(TempPath("layout.mkv"));
+    ASSERT_EQ(streams.size(), 2u);
+    EXPECT_EQ(streams[0].codec_type + streams[1].codec_type, c.types);
     const int audio_stream = c.types[0] == 'a' ? 0 : 1;
-    EXPECT_EQ(OfStream(out.packets, 1 - audio_stream).size(), 100u);
-    EXPECT_EQ(OfStream(out.packets, audio_stream).size(), c.audio_packets);
+    EXPECT_EQ(OfStream(packets, 1 - audio_stream).size(), 100u);
+    EXPECT_EQ(OfStream(packets, audio_stream).size(), c.audio_packets);
     const auto calls = log.Calls();
     EXPECT_EQ(std::count_if(calls.begin(), calls.end(), [](auto& call) { return call.type == AVMEDIA_TYPE_AUDIO; }),
               static_cast<long>(c.audio_packets));

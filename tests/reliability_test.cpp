@@ -1,9 +1,9 @@
-// What every family does with failing caller I/O, a full disk, broken files
-// and a network source that goes silent: the documented code, or a worker that
-// ends by itself and a Stop that leaves a valid file. The sanitizer lanes run
-// these too, for leaks and heap errors.
+// What every family does with failing caller reads, broken files and a
+// network source that goes silent: the documented code, or a worker that ends
+// by itself and a Stop that leaves a valid file. (Failing writes and a full
+// disk are the task report suite's.) The sanitizer lanes run these too, for
+// leaks and heap errors.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <thread>
 #include <utility>
@@ -57,30 +57,6 @@ TEST(ReliabilityReadFunction, FailsAtSetUpWithTheOpenCodeAndWhileRunningWithACle
         EXPECT_EQ(task.log.Count() == Carried(family, clip), part == 1.0);
         EXPECT_EQ(ProbeOutput(sink).size(), task.log.Count());
       }
-}
-
-// Writes that fail from the first byte, after 1000 bytes, or on a full disk.
-// A header write that fails only once the buffer is handed on is not
-// reported: set-up and Start succeed, and the worker meets the failure.
-// Conversion, multiplexing and concatenation drop what the muxer refuses and
-// run to the end; demultiplexing ends at the first refused packet. Either way
-// the task ends by itself and Stop releases it.
-TEST(ReliabilityWrites, FailingWritesAndAFullDiskEndTheTaskCleanly) {
-  const std::string full = TempPath("full.mkv");  // the name gives the container
-  ASSERT_EQ(symlink("/dev/full", full.c_str()), 0);
-  for (const Family family : kFamilies)
-    for (const long long accepted : {-1LL, 0LL, 1000LL}) {  // -1: the full disk
-      if (family == Family::kLink && accepted >= 0) continue;
-      SCOPED_TRACE(testing::Message() << Name(family) << ", writes fail after " << accepted << " bytes");
-      const std::string clip = ClipFor(family, "mkv");
-      MemoryWriter writer;
-      writer.fail_after = accepted;
-      AnyTask task(family);
-      ASSERT_TRUE(task.Reach(Stage::kEnded, {{clip}}, {accepted < 0 ? Sink{full} : Sink{"matroska", &writer}}));
-      EXPECT_TRUE(task.Stop());
-      EXPECT_TRUE(accepted < 0 || writer.calls > 0);
-      EXPECT_EQ(task.log.Count() == Carried(family, clip), family != Family::kUnpack) << task.log.Count();
-    }
 }
 
 // Truncated and bit-flipped real files: set-up or Start refuses them with one

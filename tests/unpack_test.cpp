@@ -3,12 +3,6 @@
 // ffprobe's view of the files.
 #include <gtest/gtest.h>
 
-extern "C" {
-#include <libavutil/md5.h>
-}
-
-#include <cstring>
-
 #include "support/caller.h"
 #include "support/fixtures.h"
 
@@ -56,13 +50,9 @@ struct Task {
   void Stop() { AVFormat_UNPack_Stop(handle), handle = nullptr; }
   bool Read(Pulled& packet) {
     static unsigned char data[1 << 20];
-    uint8_t sum[16];
-    char hex[3];
     if (!AVFormat_UNPack_Read(handle, &packet.stream, data, &packet.size, &packet.info, &packet.time_base))
       return false;
-    av_md5_sum(sum, data, static_cast<size_t>(packet.size));
-    packet.hash = "MD5:";
-    for (const uint8_t byte : sum) packet.hash += (std::snprintf(hex, sizeof hex, "%02x", byte), hex);
+    packet.hash = Md5(data, static_cast<size_t>(packet.size));
     return true;
   }
   ProgressLog log;
@@ -164,13 +154,32 @@ TEST(UNPackOutput, OnlyMadeOutputsThatClaimAStreamReceiveIt) {
   }
 }
 
-// Data, stream, and times in the stream's own time base (N/A duration: 0).
-TEST(UNPackRead, DeliversEveryPacketAsFfprobeListsIt) {
+// GetAVCodec hands out each stream's codec parameters (a shallow copy in a
+// block the caller frees) and time base, each only when asked for; Read then
+// every packet: data, stream, and times in the stream's own time base.
+TEST(UNPackRead, CodecParametersAndEveryPacketAsFfprobeListsThem) {
   for (const std::string& input : {VideoAudioClip("mkv"), VideoAudioClip("avi"), RawH264Clip(), Synthetic()}) {
     SCOPED_TRACE(input);
     const std::vector<ProbeStream> streams = ProbeStreams(input);
     Task task;
     ASSERT_TRUE(task.Input(input));
+    for (int s = 0; s < static_cast<int>(streams.size()); ++s) {
+      void* block = nullptr;
+      AVCODEC_TIMEBASE time_base{};
+      ASSERT_TRUE(AVFormat_UNPack_GetAVCodec(task.handle, s, &block, nullptr));
+      ASSERT_TRUE(AVFormat_UNPack_GetAVCodec(task.handle, s, nullptr, &time_base));
+      EXPECT_EQ(av_cmp_q({time_base.num, time_base.den}, streams[s].time_base), 0);
+      const auto* copy = static_cast<const AVCodecParameters*>(block);
+      EXPECT_EQ(avcodec_get_name(copy->codec_id), streams[s].codec_name);
+      EXPECT_EQ(copy->extradata_size > 0 ? Md5(copy->extradata, static_cast<size_t>(copy->extradata_size)) : "",
+                streams[s].extradata_hash);
+#if LIBAVCODEC_VERSION_INT >= AV_VERSION_INT(60, 11, 100)
+      // An unset frame rate becomes the stream's guess: 25 fps for the video, 0/0 for the audio.
+      EXPECT_EQ(copy->codec_type == AVMEDIA_TYPE_VIDEO ? av_q2d(copy->framerate) : copy->framerate.num,
+                copy->codec_type == AVMEDIA_TYPE_VIDEO ? 25 : 0);
+#endif
+      std::free(block);
+    }
     Pulled got;
     for (const ProbePacket& want : ProbePackets(input)) {
       ASSERT_TRUE(task.Read(got));
@@ -248,42 +257,6 @@ TEST(UNPackSeek, ReadGoesOnFromTheKeyFrameAtOrBeforeTheTarget) {
     while (packet.stream != stream);
     EXPECT_EQ(packet.info.pts, key);
   }
-}
-
-// The codec parameters (a shallow copy, extradata included) and the time
-// base, each handed out only when asked for.
-TEST(UNPackGetAVCodec, HandsOutAShallowCopyAndTheTimeBase) {
-  const std::string input = VideoAudioClip("mkv");
-  AVFormatContext* own = nullptr;  // the same file, opened independently
-  ASSERT_EQ(avformat_open_input(&own, input.c_str(), nullptr, nullptr), 0);
-  ASSERT_GE(avformat_find_stream_info(own, nullptr), 0);
-  Task task;
-  ASSERT_TRUE(task.Input(input));
-  for (int stream = 0; stream < 2; ++stream)
-    for (const int asked : {1, 2, 3}) {  // bit 0: codec parameters, bit 1: time base
-      SCOPED_TRACE(testing::Message() << "stream " << stream << " asking " << asked);
-      void* block = nullptr;
-      AVCODEC_TIMEBASE time_base{-1, -1};
-      const AVStream* want = own->streams[stream];
-      ASSERT_TRUE(AVFormat_UNPack_GetAVCodec(task.handle, stream, asked & 1 ? &block : nullptr,
-                                             asked & 2 ? &time_base : nullptr));
-      EXPECT_EQ(time_base.num, asked & 2 ? want->time_base.num : -1);
-      EXPECT_EQ(time_base.den, asked & 2 ? want->time_base.den : -1);
-      ASSERT_EQ(block != nullptr, (asked & 1) != 0);
-      if (block == nullptr) continue;
-      const auto* copy = static_cast<const AVCodecParameters*>(block);
-      EXPECT_EQ(std::tie(copy->codec_id, copy->width, copy->sample_rate, copy->extradata_size),
-                std::tie(want->codecpar->codec_id, want->codecpar->width, want->codecpar->sample_rate,
-                         want->codecpar->extradata_size));
-      EXPECT_EQ(std::memcmp(copy->extradata, want->codecpar->extradata, want->codecpar->extradata_size), 0);
-#if LIBAVCODEC_VERSION_INT >= AV_VERSION_INT(60, 11, 100)
-      // An unset frame rate becomes the stream's guess: 25/1 for the video, 0/0 for the audio.
-      EXPECT_EQ(copy->framerate.num, stream == 0 ? 25 : 0);
-      EXPECT_EQ(copy->framerate.den, want->r_frame_rate.den);
-#endif
-      std::free(block);
-    }
-  avformat_close_input(&own);
 }
 
 // The family's own refusals: each row's calls all succeed on a fresh task but

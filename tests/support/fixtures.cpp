@@ -1,5 +1,9 @@
 #include "support/fixtures.h"
 
+extern "C" {
+#include <libavutil/md5.h>
+}
+
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -160,8 +164,10 @@ std::vector<ProbePacket> ProbePackets(const std::string& path) {
 
 std::vector<ProbeStream> ProbeStreams(const std::string& path) {
   std::vector<ProbeStream> streams;
-  for (auto& f : Sections(path, "-show_entries stream=index,codec_type,codec_name,time_base", "streams.stream.")) {
-    ProbeStream stream{std::stoi(f["index"]), f["codec_type"], f["codec_name"]};
+  for (auto& f :
+       Sections(path, "-show_data_hash md5 -show_entries stream=index,codec_type,codec_name,time_base,extradata_hash",
+                "streams.stream.")) {
+    ProbeStream stream{std::stoi(f["index"]), f["codec_type"], f["codec_name"], {0, 1}, f["extradata_hash"]};
     std::sscanf(f["time_base"].c_str(), "%d/%d", &stream.time_base.num, &stream.time_base.den);
     streams.push_back(stream);
   }
@@ -173,6 +179,15 @@ std::vector<ProbePacket> OfStream(const std::vector<ProbePacket>& packets, int s
   std::copy_if(packets.begin(), packets.end(), std::back_inserter(selected),
                [stream](const ProbePacket& packet) { return packet.stream == stream; });
   return selected;
+}
+
+std::string Md5(const uint8_t* data, size_t size) {
+  uint8_t sum[16];
+  char hex[3];
+  std::string text = "MD5:";
+  av_md5_sum(sum, data, size);
+  for (const uint8_t byte : sum) text += (std::snprintf(hex, sizeof hex, "%02x", byte), hex);
+  return text;
 }
 
 std::vector<uint8_t> ReadFile(const std::string& path) {

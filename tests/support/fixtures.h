@@ -63,6 +63,7 @@ struct ProbeStream {
   std::string codec_type;  // "video", "audio", ...
   std::string codec_name;
   AVRational time_base{0, 1};
+  std::string extradata_hash;  // MD5, as ProbePacket::hash
 };
 
 // ffprobe's view of a file: empty when ffprobe rejects it.
@@ -70,6 +71,9 @@ std::vector<ProbePacket> ProbePackets(const std::string& path);
 std::vector<ProbeStream> ProbeStreams(const std::string& path);
 // Packets of one stream only.
 std::vector<ProbePacket> OfStream(const std::vector<ProbePacket>& packets, int stream);
+
+// The MD5 of some bytes as ffprobe writes it: "MD5:" and 32 hex digits.
+std::string Md5(const uint8_t* data, size_t size);
 
 std::vector<uint8_t> ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::vector<uint8_t>& bytes);
