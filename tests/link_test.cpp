@@ -148,7 +148,7 @@ TEST(LinkErrors, RefusedCallsGiveTheirCodes) {
     std::function<bool(void*)> call;
     uint64_t code;
   } cases[] = {
-      {"Output null name", [](void* t) { return AVFormat_Link_Output(t, nullptr); }, kParameter},
+      {"Output null name", [](void* t) { return AVFormat_Link_Output(t, nullptr); }, ERROR_AVFORMAT_LINK_OUTPUTFORMAT},
       {"Output after Input", [&](void* t) { return output(t) && input(t) && output(t); }, kParameter},
       {"Input null name", [&](void* t) { return output(t) && AVFormat_Link_Input(t, nullptr, 0, 0, 0, 1); },
        kParameter},

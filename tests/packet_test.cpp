@@ -288,7 +288,7 @@ TEST(PacketErrors, RefusedCallsGiveTheirCodes) {
       {"Input: no memory", kOutput, [&](void* t) { return scarce([&] { return AVFormat_Packet_Input(t, nullptr, MemoryReader::Read, &empty); }); }, kMalloc},
       {"Input: after Start", kStarted, input, kParameter},
       {"Start: before Output", kInit, AVFormat_Packet_Start, kParameter},
-      {"Start: no input", kStream, AVFormat_Packet_Start, kParameter},
+      {"Start: no input", kOutput, AVFormat_Packet_Start, kHeader},
       {"Start: header refused", kBadStream, [&](void* t) { return input(t) && AVFormat_Packet_Start(t); }, kHeader},
       {"Start: twice", kStarted, AVFormat_Packet_Start, kParameter},
       {"Start: after StreamWrite", kInput, [&](void* t) { return write(t) && AVFormat_Packet_Start(t); }, kParameter},
