@@ -1,6 +1,6 @@
 /*
  * packet_rebuild: rebuilds a file packet by packet, without a worker thread:
- * the demultiplexing family pulls each packet with its timing (UNPack_Read),
+ * the demultiplexing family pulls each packet with its timing (UNPack_ReadSized),
  * the multiplexing family writes it (Packet_StreamWrite). Shows GetAVCodec's
  * codec parameters and time bases feeding StreamCreate. Every stream is
  * copied with its packets' data and times unchanged.
@@ -16,19 +16,18 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-/* Read has no size argument: the buffer must hold the input's largest packet. */
-#define MAX_PACKET (16 * 1024 * 1024)
-
 int main(int argc, char** argv) {
   if (argc != 3) {
     fprintf(stderr, "usage: %s INPUT OUTPUT\n", argv[0]);
     return 2;
   }
-  unsigned char* data = malloc(MAX_PACKET);
+  /* Grown to the largest packet met: no size taken from the file bounds a packet. */
+  unsigned char* data = NULL;
+  int capacity = 0;
   /* No worker runs on this route, so neither task needs a progress callback. */
   void* unpack = AVFormat_UNPack_Init(NULL, NULL);
   void* packet = AVFormat_Packet_Init(NULL, NULL);
-  bool ok = data != NULL && unpack != NULL && packet != NULL && AVFormat_UNPack_Input(unpack, argv[1], NULL, NULL) &&
+  bool ok = unpack != NULL && packet != NULL && AVFormat_UNPack_Input(unpack, argv[1], NULL, NULL) &&
             AVFormat_Packet_Output(packet, argv[2], 0, 0, NULL, NULL);
 
   /* One output stream per input stream, in the same order, so that a packet's
@@ -44,11 +43,20 @@ int main(int argc, char** argv) {
     ++streams;
   }
 
-  /* The first write writes the header; Read fails with ERROR_AVFORMAT_PACKET_READ at the end. */
+  /* The first write writes the header; ReadSized fails with ERROR_AVFORMAT_PACKET_READ
+   * at the end, and with ERROR_AVFORMAT_PACKET_BUFFERSIZE (the packet kept, its
+   * size stored) when the buffer is too small. */
   long long written = 0;
-  int stream, size;
+  int stream, size, flags;
   AVCODEC_PACKETINFO info;
-  while (ok && AVFormat_UNPack_Read(unpack, &stream, data, &size, &info, &time_base)) {
+  while (ok) {
+    if (!AVFormat_UNPack_ReadSized(unpack, &stream, data, capacity, &size, &flags, &info, &time_base)) {
+      if (AVFormat_GetLastError(NULL) != ERROR_AVFORMAT_PACKET_BUFFERSIZE) break;
+      unsigned char* larger = realloc(data, (size_t)size);
+      ok = larger != NULL;
+      if (ok) data = larger, capacity = size;
+      continue;
+    }
     if (AVFormat_Packet_StreamWrite(packet, stream, data, size, &time_base, &info))
       ++written;
     else

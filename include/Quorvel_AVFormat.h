@@ -168,7 +168,8 @@ typedef struct AVCODEC_TIMEBASE {
 /**
  * The timing of one packet, in ticks of the AVCODEC_TIMEBASE that travels
  * beside it. An unknown time is AV_NOPTS_VALUE (INT64_MIN), carried unchanged.
- * Whether a packet is a key frame does not cross the interface.
+ * Whether a packet is a key frame is not part of it: only
+ * AVFormat_UNPack_ReadSized() reports it, in its flags.
  */
 typedef struct AVCODEC_PACKETINFO {
   int64_t pts;      /**< presentation time stamp */
@@ -272,10 +273,12 @@ extern QUORVEL_AVFORMAT_API uint64_t AVForamt_dwErrorCode;
 #define ERROR_AVFORMAT_PACKET_SEEK 0x80D1010
 /** Multiplexing StreamWrite: the muxer refused the packet. */
 #define ERROR_AVFORMAT_PACKET_WRITEFRAME 0x80D1011
+/** Demultiplexing AVFormat_UNPack_ReadSized: the packet is larger than the buffer (its size is stored). */
+#define ERROR_AVFORMAT_PACKET_BUFFERSIZE 0x80D1012
 
 /** Concatenation: task or input list not allocated. */
 #define ERROR_AVFORMAT_LINK_MALLOC 0x80D2002
-/** Concatenation: null task handle, null file name, or a call out of order. */
+/** Concatenation: null task handle, null input file name, or a call out of order. */
 #define ERROR_AVFORMAT_LINK_PARAMETER 0x80D2003
 /** Concatenation: an input could not be opened, or the output file not opened for writing. */
 #define ERROR_AVFORMAT_LINK_OPEN 0x80D2004
@@ -339,8 +342,12 @@ QUORVEL_AVFORMAT_API bool AVFormat_Convert_Output(void* task, const char* url, d
  * video, audio and subtitle streams; other streams (data, attachments) are
  * dropped. Call after AVFormat_Convert_Output().
  * Packets are routed to the output stream whose index equals their input
- * stream's index: when a dropped stream precedes a kept one, the kept stream's
- * packets have no output stream of that index and are dropped too.
+ * stream's index, while output streams are numbered in order among the kept
+ * streams only. So when a dropped stream precedes a kept one, packets land in
+ * another stream: with input streams [data, video, audio] the output holds
+ * video as stream 0 and audio as stream 1; the video packets (input index 1)
+ * are written into output stream 1, the audio stream, and the audio packets
+ * (input index 2) have no output stream of that index and are dropped.
  * @param url    file name or URL, or NULL with @p read
  * @param read   caller read function (caller I/O bridge), or NULL. When both are
  *               given, @p url is opened first (a failure ends the call), then the
@@ -418,7 +425,8 @@ QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Input(void* task, const char* url, AVF
 /**
  * Creates one output per record and writes its header at once: a file output
  * holds its header when the call returns. Optional; call after Input and
- * before Start. A @p count of 0 or less does nothing.
+ * before Start. A @p count of 0 or less does nothing and succeeds at any
+ * stage (also before Input); only a null task fails then.
  * @param infos  points to the caller's variable that holds the address of an
  *               array of @p count record pointers. The records are copied
  *               (szName is read up to its 263rd character).
@@ -431,7 +439,8 @@ QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Input(void* task, const char* url, AVF
  * Errors: ERROR_AVFORMAT_PACKET_PARAMETER (null task, no input, already
  *         started, null infos or record, count above the input's number of
  *         streams), ERROR_AVFORMAT_PACKET_OUTPUTFORMAT, ERROR_AVFORMAT_PACKET_OPEN,
- *         ERROR_AVFORMAT_PACKET_MALLOC, ERROR_AVFORMAT_PACKET_CODECPAR,
+ *         ERROR_AVFORMAT_PACKET_MALLOC (a bridge buffer),
+ *         ERROR_AVFORMAT_PACKET_CODECPAR (the output stream not made or described),
  *         ERROR_AVFORMAT_PACKET_WRITEHEADER. The first failure ends the call;
  *         outputs made before it stay in the task and are finished by Stop.
  */
@@ -453,6 +462,15 @@ QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Start(void* task);
  * runs: before Start, or once GetStatus reports that the worker has ended
  * (reading then goes on where the worker stopped). Outputs and their start
  * and end times play no part.
+ *
+ * This function is never told how large @p data is, so it needs a buffer at
+ * least as large as any packet of the input. For input that is not trusted no
+ * such bound exists: a packet may be far larger than the file it comes from
+ * (a zlib-compressed Matroska block inflates to megabytes from a few bytes),
+ * and a packet larger than the buffer overruns it. Use
+ * AVFormat_UNPack_ReadSized() instead, which is told the buffer's size.
+ * A packet that AVFormat_UNPack_ReadSized() kept is delivered first.
+ *
  * @param stream_index receives the packet's stream index (required)
  * @param data         receives the packet's bytes (required): it must hold the
  *                     largest packet that the input can yield
@@ -528,15 +546,17 @@ QUORVEL_AVFORMAT_API bool AVFormat_UNPack_GetAVCodec(void* task, int stream_inde
 QUORVEL_AVFORMAT_API void* AVFormat_Packet_Init(AVFORMAT_PROGRESS_CALLBACK progress, void* context);
 
 /**
- * Creates the output. Call before any Input or StreamCreate; a later call
- * replaces the output (and its streams) until a header has been written.
+ * Creates the output. Call before any Input or StreamCreate: once either has
+ * added a stream, the output is not replaced (the inputs hold the indices of
+ * its streams) and the call is refused. Before that, a later call replaces
+ * the output.
  * @param name  without @p write: the output file name; with @p write: the
  *              container format's short name
  * @param start, end  as for AVFormat_Convert_Output(), on each packet's time on
  *              its output stream; an end time hit exactly by a packet of any
  *              input ends the whole run
- * Errors: ERROR_AVFORMAT_PACKET_PARAMETER (null task or name, or a header was
- *         already written or tried), ERROR_AVFORMAT_PACKET_OUTPUTFORMAT,
+ * Errors: ERROR_AVFORMAT_PACKET_PARAMETER (null task or name, streams already
+ *         added, or a header was already written or tried), ERROR_AVFORMAT_PACKET_OUTPUTFORMAT,
  *         ERROR_AVFORMAT_PACKET_OPEN, ERROR_AVFORMAT_PACKET_MALLOC.
  */
 QUORVEL_AVFORMAT_API bool AVFormat_Packet_Output(void* task, const char* name, double start, double end,
@@ -547,14 +567,15 @@ QUORVEL_AVFORMAT_API bool AVFormat_Packet_Output(void* task, const char* name, d
  * (still pictures, MJPEG and JPEG 2000 video such as cover art, are skipped).
  * The worker carries the packets of every stream of the input into the output
  * stream of its last mapped stream, timed in that stream's time base: give it
- * files with one stream each. An input with no such stream is still added and
- * feeds output stream 0. Output streams are numbered in creation order across
+ * files with one stream each. An input with no such stream is refused.
+ * Output streams are numbered in creation order across
  * Input and StreamCreate. A failed call releases what it opened; output
  * streams it already made stay.
  * @param url, read  as for AVFormat_Convert_Input()
  * Errors: ERROR_AVFORMAT_PACKET_PARAMETER (null task, no output, nothing to
- *         open, the streams could not be analysed, or a header was already
- *         written or tried), ERROR_AVFORMAT_PACKET_OPEN,
+ *         open, the streams could not be analysed, no video or audio stream
+ *         that is not a still picture, or a header was already written or
+ *         tried), ERROR_AVFORMAT_PACKET_OPEN,
  *         ERROR_AVFORMAT_PACKET_MALLOC, ERROR_AVFORMAT_PACKET_CODECPAR.
  */
 QUORVEL_AVFORMAT_API bool AVFormat_Packet_Input(void* task, const char* url, AVFORMAT_IO_FUNCTION read,
@@ -566,8 +587,10 @@ QUORVEL_AVFORMAT_API bool AVFormat_Packet_Input(void* task, const char* url, AVF
  * runs out (so the other inputs are cut there). Packets without a
  * presentation time get times from their input's packet number and frame
  * rate. Times are rescaled to the output streams, never shifted. Call once.
- * Errors: ERROR_AVFORMAT_PACKET_PARAMETER (null task, no output, no input,
- *         already started, or StreamWrite has written the header),
+ * With no input the header is still written (most containers refuse one with
+ * no stream: ERROR_AVFORMAT_PACKET_WRITEHEADER) and the worker ends at once.
+ * Errors: ERROR_AVFORMAT_PACKET_PARAMETER (null task, no output, already
+ *         started, or StreamWrite has written the header),
  *         ERROR_AVFORMAT_PACKET_WRITEHEADER, ERROR_AVFORMAT_PACKET_THREAD.
  */
 QUORVEL_AVFORMAT_API bool AVFormat_Packet_Start(void* task);
@@ -610,14 +633,19 @@ QUORVEL_AVFORMAT_API bool AVFormat_Packet_StreamCreate(void* task, void* codec_p
  * the header, which is tried only once per task (after Start it is not written
  * again). Do not call Start on a task fed this way.
  * @param data, size  one encoded packet; copied before the call returns
- * @param time_base   required: the time base of @p info's values. For the
+ * @param time_base   required, num and den above 0: the time base of @p info's values. For the
  *                    task's video stream its den is taken as the frame rate:
  *                    the packet lasts 1/den seconds in whole microseconds
  *                    (1/25: 40000 us, 1/90000: 11 us), whatever info->duration says.
  * @param info        may be NULL: the packet then has no time stamps and no
  *                    duration, and the muxer decides whether it takes it.
- *                    No key-frame flag is passed on.
- * Errors: ERROR_AVFORMAT_PACKET_PARAMETER (null task or time base, no output,
+ *                    No key-frame flag is passed on. Set times (and the
+ *                    duration), rescaled to the stream, must lie within 2^31
+ *                    seconds (some 68 years) either way of 0: muxers convert
+ *                    times between their streams' time bases, and one that
+ *                    overflows there can end the process (NUT's muxer does).
+ * Errors: ERROR_AVFORMAT_PACKET_PARAMETER (null task or time base, a time base
+ *         with num or den at 0 or below, a time out of those bounds, no output,
  *         negative size or NULL data, no such stream), ERROR_AVFORMAT_PACKET_THREAD
  *         (the worker runs), ERROR_AVFORMAT_PACKET_WRITEHEADER (the header
  *         failed, reported by the call that tried it), ERROR_AVFORMAT_PACKET_WRITEFRAME
@@ -648,8 +676,9 @@ QUORVEL_AVFORMAT_API void* AVFormat_Link_Init(AVFORMAT_PROGRESS_CALLBACK progres
 /**
  * Creates the output file, whose name decides the container. Call once,
  * before the inputs; it may be called again after a failure.
- * Errors: ERROR_AVFORMAT_LINK_PARAMETER (null task or file name, called after
- *         an Input or after Start), ERROR_AVFORMAT_LINK_OUTPUTFORMAT, ERROR_AVFORMAT_LINK_OPEN.
+ * Errors: ERROR_AVFORMAT_LINK_PARAMETER (null task, called after an Input or
+ *         after Start), ERROR_AVFORMAT_LINK_OUTPUTFORMAT (no container for the
+ *         name, or a NULL name: no output then), ERROR_AVFORMAT_LINK_OPEN.
  */
 QUORVEL_AVFORMAT_API bool AVFormat_Link_Output(void* task, const char* file);
 
@@ -670,7 +699,7 @@ QUORVEL_AVFORMAT_API bool AVFormat_Link_Output(void* task, const char* file);
  *                    stream named as both is copied as audio.
  * Errors: ERROR_AVFORMAT_LINK_PARAMETER (null task or file name, no output,
  *         called after Start), ERROR_AVFORMAT_LINK_OPEN, ERROR_AVFORMAT_LINK_STREAMINFO,
- *         ERROR_AVFORMAT_LINK_MALLOC (no output stream), ERROR_AVFORMAT_LINK_CODECPAR.
+ *         ERROR_AVFORMAT_LINK_CODECPAR (an output stream not made or described).
  */
 QUORVEL_AVFORMAT_API bool AVFormat_Link_Input(void* task, const char* file, double start, double end, int video,
                                               int audio);
@@ -711,6 +740,53 @@ QUORVEL_AVFORMAT_API bool AVFormat_Link_Stop(void* task);
 /* ========================================================================== */
 
 /* ---- Demultiplexing: a Read that is told the buffer's size ---------------- */
+
+/** Flags that AVFormat_UNPack_ReadSized() reports: FFmpeg's AV_PKT_FLAG_* values. */
+#define AVFORMAT_PKT_FLAG_KEY 0x0001     /**< the packet holds a key frame */
+#define AVFORMAT_PKT_FLAG_CORRUPT 0x0002 /**< the demuxer found the packet damaged */
+#define AVFORMAT_PKT_FLAG_DISCARD 0x0004 /**< needed to decode others, but not to be shown */
+
+/**
+ * AVFormat_UNPack_Read() told the size of the caller's buffer, and reporting
+ * the packet's flags too. Same rules as Read: while no worker runs, the next
+ * packet of any stream in the input's order.
+ *
+ * A packet larger than @p capacity is not copied: the call fails with
+ * ERROR_AVFORMAT_PACKET_BUFFERSIZE, stores the packet's size in @p size and its
+ * stream in @p stream_index, and keeps the packet, which the next Read (of
+ * either kind) delivers. A NULL @p data with @p capacity 0 asks for the next
+ * packet's size that way. So a caller can start small and grow:
+ *
+ *     for (;;) {
+ *       if (AVFormat_UNPack_ReadSized(task, &stream, buffer, capacity, &size, &flags, &info, &time_base))
+ *         use(buffer, size);                                  // a whole packet
+ *       else if (AVFormat_GetLastError(NULL) == ERROR_AVFORMAT_PACKET_BUFFERSIZE)
+ *         buffer = realloc(buffer, capacity = size);          // kept: read again
+ *       else
+ *         break;                                              // end of input, or a failure
+ *     }
+ *
+ * A kept packet is forgotten by Seek (reading goes on from the new position)
+ * and by Start (the worker reads on from the input's position).
+ *
+ * @param stream_index receives the packet's stream index (required)
+ * @param data         where the packet's bytes go; NULL only with @p capacity 0
+ * @param capacity     bytes that @p data can take, 0 or more
+ * @param size         receives the packet's size (required), also on the
+ *                     buffer-size failure
+ * @param flags        if not NULL, receives the packet's key-frame, corrupt and
+ *                     discard flags (AVFORMAT_PKT_FLAG_*), nothing else
+ * @param info, time_base  as for AVFormat_UNPack_Read()
+ * Errors: ERROR_AVFORMAT_PACKET_PARAMETER (null task, stream_index or size,
+ *         negative capacity, NULL data with a capacity above 0, no input),
+ *         ERROR_AVFORMAT_PACKET_THREAD (the worker runs, also paused),
+ *         ERROR_AVFORMAT_PACKET_BUFFERSIZE (the packet does not fit: kept),
+ *         ERROR_AVFORMAT_PACKET_READ (end of input or read error),
+ *         ERROR_AVFORMAT_PACKET_MALLOC.
+ */
+QUORVEL_AVFORMAT_API bool AVFormat_UNPack_ReadSized(void* task, int* stream_index, unsigned char* data, int capacity,
+                                                    int* size, int* flags, AVCODEC_PACKETINFO* info,
+                                                    AVCODEC_TIMEBASE* time_base);
 
 /* ---- Task reports: what a task did, and its first write error ------------- */
 

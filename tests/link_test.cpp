@@ -96,7 +96,7 @@ TEST(LinkJoin, WritesWhatTheCallerAsks) {
       {"cut, end before start", "mkv", {{four_seconds, 3.01, 2.01}}, video, {51}, 100},
       {"cut on the output timeline", "mkv", {{four_seconds}, {four_seconds, 5.01, 10.0}}, video, {126}, 200},
       {"equal spacing", "mkv", {{ones}, {ones}}, video, {200}, 200, Ramps({{0, 1}, {99, 1}})},
-      {"double spacing", "mkv", {{twos}, {ones}}, video, {200}, 200, Ramps({{0, 2}, {199, 1}})},
+      {"double spacing", "mp4", {{twos}, {ones}}, video, {200}, 200, Ramps({{0, 2}, {199, 1}})},
       {"three inputs", "mkv", {{ones}, {ones}, {ones}}, video, {300}, 300, Ramps({{0, 1}, {99, 1}, {199, 1}})},
   };
   for (const Case& c : cases) {
@@ -148,7 +148,7 @@ TEST(LinkErrors, RefusedCallsGiveTheirCodes) {
     std::function<bool(void*)> call;
     uint64_t code;
   } cases[] = {
-      {"Output null name", [](void* t) { return AVFormat_Link_Output(t, nullptr); }, kParameter},
+      {"Output null name", [](void* t) { return AVFormat_Link_Output(t, nullptr); }, ERROR_AVFORMAT_LINK_OUTPUTFORMAT},
       {"Output after Input", [&](void* t) { return output(t) && input(t) && output(t); }, kParameter},
       {"Input null name", [&](void* t) { return output(t) && AVFormat_Link_Input(t, nullptr, 0, 0, 0, 1); },
        kParameter},

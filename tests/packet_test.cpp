@@ -38,12 +38,9 @@ std::string AudioFile() {
   return Synthetic("audio200", {kAudio});
 }
 
-struct ParametersFree {
-  void operator()(AVCodecParameters* parameters) const { avcodec_parameters_free(&parameters); }
-};
-using Parameters = std::unique_ptr<AVCodecParameters, ParametersFree>;
+using Parameters = std::shared_ptr<AVCodecParameters>;
 Parameters MakeParameters(AVMediaType type, int width = 160) {
-  Parameters parameters(avcodec_parameters_alloc());
+  Parameters parameters(avcodec_parameters_alloc(), [](AVCodecParameters* p) { avcodec_parameters_free(&p); });
   parameters->codec_type = type;
   parameters->codec_id = type == AVMEDIA_TYPE_VIDEO ? AV_CODEC_ID_MPEG4 : AV_CODEC_ID_PCM_S16LE;
   parameters->width = width;
@@ -168,11 +165,10 @@ TEST(PacketMux, EachInputCarriesAllItsPacketsInItsLastMappedStream) {
 // ends the run only on a packet exactly at it (video at 1/25 s per packet).
 TEST(PacketMux, StartAndEndTimes) {
   // Start, end, first pts written in ms, packets written, packets reported.
-  const std::tuple<double, double, int64_t, size_t, size_t> cases[] = {{0, 0, 0, 100, 100},
-                                                                       {2.0, 0, 2000, 50, 100},
-                                                                       {0, 3.0, 0, 76, 76},
-                                                                       {0, 3.01, 0, 100, 100},
-                                                                       {1.0, 3.0, 1000, 51, 76}};
+  // clang-format off
+  const std::tuple<double, double, int64_t, size_t, size_t> cases[] = {
+      {0, 0, 0, 100, 100}, {2.0, 0, 2000, 50, 100}, {0, 3.0, 0, 76, 76}, {0, 3.01, 0, 100, 100}, {1.0, 3.0, 1000, 51, 76}};
+  // clang-format on
   for (const auto& [start, end, first_ms, written, reported] : cases) {
     SCOPED_TRACE(testing::Message() << start << " to " << end);
     ProgressLog log;
@@ -292,7 +288,7 @@ TEST(PacketErrors, RefusedCallsGiveTheirCodes) {
       {"Input: no memory", kOutput, [&](void* t) { return scarce([&] { return AVFormat_Packet_Input(t, nullptr, MemoryReader::Read, &empty); }); }, kMalloc},
       {"Input: after Start", kStarted, input, kParameter},
       {"Start: before Output", kInit, AVFormat_Packet_Start, kParameter},
-      {"Start: no input", kStream, AVFormat_Packet_Start, kParameter},
+      {"Start: no input", kOutput, AVFormat_Packet_Start, kHeader},
       {"Start: header refused", kBadStream, [&](void* t) { return input(t) && AVFormat_Packet_Start(t); }, kHeader},
       {"Start: twice", kStarted, AVFormat_Packet_Start, kParameter},
       {"Start: after StreamWrite", kInput, [&](void* t) { return write(t) && AVFormat_Packet_Start(t); }, kParameter},

@@ -118,6 +118,13 @@ QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Read(void* task, int* stream_index, un
   return Guarded(kPacket, false,
                  [&] { return m_FileUNPack.AVFormat_UNPack_Read(task, stream_index, data, size, info, time_base); });
 }
+QUORVEL_AVFORMAT_API bool AVFormat_UNPack_ReadSized(void* task, int* stream_index, unsigned char* data, int capacity,
+                                                    int* size, int* flags, AVCODEC_PACKETINFO* info,
+                                                    AVCODEC_TIMEBASE* time_base) {
+  return Guarded(kPacket, false, [&] {
+    return m_FileUNPack.AVFormat_UNPack_ReadSized(task, stream_index, data, capacity, size, flags, info, time_base);
+  });
+}
 QUORVEL_AVFORMAT_API bool AVFormat_UNPack_GetStatus(void* task, bool* running) {
   return Guarded(kPacket, false, [&] { return m_FileUNPack.AVFormat_UNPack_GetStatus(task, running); });
 }

@@ -2,9 +2,12 @@
 //
 // Deliberate behaviours, kept as callers rely on them:
 //  - packets are routed to the output stream whose index equals their input
-//    stream's index; output streams are numbered densely, so when a dropped
-//    (data, attachment) stream precedes a kept one, the kept stream's packets
-//    find no output stream of that index and are dropped too;
+//    stream's index, while output streams are numbered densely among the kept
+//    streams: when a dropped (data, attachment) stream precedes a kept one, a
+//    kept stream's packets go into another output stream (input [data, video,
+//    audio]: video's packets into output stream 1, the audio stream, with
+//    their times rescaled to its time base), and those of a stream whose index
+//    is past the last output stream (audio there) are dropped;
 //  - packets before the start time are read, counted and reported to the
 //    progress callback, but not written; their times are not shifted;
 //  - the end time ends the task only on a packet whose time equals it exactly;

@@ -115,7 +115,8 @@ bool FailOpen(OpenResult result, const OpenCodes& codes) noexcept {
 
 OpenResult OpenUrlInput(InputContext& input, const char* url, AVIOInterruptCB interrupt) noexcept {
   input.reset(avformat_alloc_context());
-  if (!input) return OpenResult::kNoMemory;
+  // Opening by name allocates the context as part of the open: it fails as the open does.
+  if (!input) return OpenResult::kOpenFailed;
   input->interrupt_callback = interrupt;
   AVFormatContext* context = input.release();
   const int result = avformat_open_input(&context, url, nullptr, nullptr);  // frees it on failure

@@ -14,7 +14,7 @@ using quorvel::OpenResult;
 
 namespace {
 
-// A failed allocation is reported as a failed open: this family has always done so.
+// This family opens files by name only, where a failed allocation is a failed open.
 constexpr quorvel::OpenCodes kOpenCodes{ERROR_AVFORMAT_LINK_OPEN, ERROR_AVFORMAT_LINK_OPEN,
                                         ERROR_AVFORMAT_LINK_OUTPUTFORMAT};
 
@@ -25,7 +25,8 @@ bool DescribeOutputStream(AVFormatContext* output, int& output_index, const AVCo
   AVStream* stream = nullptr;
   switch (quorvel::NewOutputStream(output, parameters, &stream)) {
     case quorvel::StreamStep::kDone: break;
-    case quorvel::StreamStep::kNewStream: return Fail(ERROR_AVFORMAT_LINK_MALLOC);
+    // Making the stream and copying its description are one step, with one code.
+    case quorvel::StreamStep::kNewStream:
     case quorvel::StreamStep::kCopyParameters: return Fail(ERROR_AVFORMAT_LINK_CODECPAR);
   }
   output_index = stream->index;
@@ -43,10 +44,15 @@ bool CAVFormat_Link::AVFormat_Link_Output(void* lpTask, const char* szFile) {
   auto* task = static_cast<AVPACKET_FILELINK*>(lpTask);
   // Once inputs have described streams of this output, or the worker writes
   // to it, it can no longer be replaced.
-  if (task == nullptr || szFile == nullptr || task->bStarted || !task->pInputList.empty())
-    return Fail(ERROR_AVFORMAT_LINK_PARAMETER);
+  if (task == nullptr || task->bStarted || !task->pInputList.empty()) return Fail(ERROR_AVFORMAT_LINK_PARAMETER);
 
   task->bOutputReady = false;
+  // No name gives no output context, as a name without a known extension does:
+  // the previous output, if any, is let go the same way.
+  if (szFile == nullptr) {
+    task->pOutputContext.reset();
+    return Fail(ERROR_AVFORMAT_LINK_OUTPUTFORMAT);
+  }
   // The output is a local file: no interrupt, so that a Stop never cuts a write short.
   quorvel::BridgeBuffer no_buffer;
   quorvel::BridgeIO no_io;

@@ -16,10 +16,11 @@ namespace {
 constexpr quorvel::OpenCodes kOpenCodes{ERROR_AVFORMAT_PACKET_MALLOC, ERROR_AVFORMAT_PACKET_OPEN,
                                         ERROR_AVFORMAT_PACKET_OUTPUTFORMAT};
 
-// Still pictures such as cover art are not carried over.
-bool IsStillPicture(const AVCodecParameters* parameters) {
-  return parameters->codec_type == AVMEDIA_TYPE_VIDEO &&
-         (parameters->codec_id == AV_CODEC_ID_MJPEG || parameters->codec_id == AV_CODEC_ID_JPEG2000);
+// Video and audio are carried over, but not still pictures such as cover art.
+bool IsCarried(const AVCodecParameters* parameters) {
+  if (parameters->codec_type == AVMEDIA_TYPE_AUDIO) return true;
+  return parameters->codec_type == AVMEDIA_TYPE_VIDEO && parameters->codec_id != AV_CODEC_ID_MJPEG &&
+         parameters->codec_id != AV_CODEC_ID_JPEG2000;
 }
 
 }  // namespace
@@ -32,8 +33,10 @@ bool CAVFormat_Packet::AVFormat_Packet_Output(void* lpTask, const char* szName, 
                                               AVFORMAT_IO_FUNCTION fpWrite, void* lpWriteContext) {
   quorvel::ClearError();
   auto* task = static_cast<AVPACKET_FILE_PACKET*>(lpTask);
-  // Once a header has been tried, the output is the muxer's: it is not replaced.
-  if (task == nullptr || szName == nullptr || task->HeaderTried()) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
+  // Once a header has been tried, the output is the muxer's; once streams are
+  // in it, inputs hold their indices: either way it is not replaced.
+  if (task == nullptr || szName == nullptr || task->HeaderTried() || task->HasStreams())
+    return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
 
   task->bOutputReady = false;
   const OpenResult opened =
@@ -67,12 +70,17 @@ bool CAVFormat_Packet::AVFormat_Packet_Input(void* lpTask, const char* szUrl, AV
   // This family has no code of its own for it.
   if (avformat_find_stream_info(input, nullptr) < 0) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
 
+  // An input with nothing to carry would feed its packets to a stream that
+  // is not its own: refused before any stream is made.
+  bool usable = false;
+  for (unsigned i = 0; i < input->nb_streams; ++i) usable = usable || IsCarried(input->streams[i]->codecpar);
+  if (!usable) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
+
   AVFormatContext* output = task->pOutputContext.get();
   for (unsigned i = 0; i < input->nb_streams; ++i) {
     const AVStream* source = input->streams[i];
     const AVCodecParameters* parameters = source->codecpar;
-    if (parameters->codec_type != AVMEDIA_TYPE_VIDEO && parameters->codec_type != AVMEDIA_TYPE_AUDIO) continue;
-    if (IsStillPicture(parameters)) continue;
+    if (!IsCarried(parameters)) continue;
 
     AVStream* stream = nullptr;
     if (quorvel::NewOutputStream(output, parameters, &stream) != quorvel::StreamStep::kDone)

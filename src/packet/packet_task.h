@@ -55,4 +55,8 @@ struct AVPACKET_FILE_PACKET {
 
   // The header is tried once per task, by whichever comes first.
   bool HeaderTried() const noexcept { return bStarted || bHeaderWritten; }
+  // An Input or StreamCreate has put streams into the output.
+  bool HasStreams() const noexcept {
+    return !pInputList.empty() || (pOutputContext && pOutputContext->nb_streams > 0);
+  }
 };

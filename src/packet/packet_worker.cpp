@@ -80,10 +80,10 @@ void Release(void* lpTask) {
 bool CAVFormat_Packet::AVFormat_Packet_Start(void* lpTask) {
   quorvel::ClearError();
   auto* task = static_cast<AVPACKET_FILE_PACKET*>(lpTask);
-  // Started once, with an output and at least one input, and never after the
-  // caller has fed packets (their first write wrote the header).
-  if (task == nullptr || !task->bOutputReady || task->pInputList.empty() || task->HeaderTried())
-    return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
+  // Started once, with an output, and never after the caller has fed packets
+  // (their first write wrote the header). Without inputs the header is still
+  // written, and the muxer decides whether it takes a header with no stream.
+  if (task == nullptr || !task->bOutputReady || task->HeaderTried()) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
 
   task->bStarted = true;
   const int header = avformat_write_header(task->pOutputContext.get(), nullptr);
@@ -104,7 +104,8 @@ int CAVFormat_Packet::AVFormat_Packet_Thread(void* lpTask) {
 
   // One pass takes at most one packet from every input, in the order they
   // were added; stop and pause requests are seen between passes.
-  bool finished = packet == nullptr;
+  // With no input there is nothing to read: the run ends at once.
+  bool finished = packet == nullptr || task->pInputList.empty();
   while (!finished && task->bRunning) {
     if (task->bPause) {
       std::this_thread::sleep_for(quorvel::kPausePoll);

@@ -25,6 +25,8 @@ class QUORVEL_AVFORMAT_API CAVFormat_UNPack {
   bool AVFormat_UNPack_Start(void* lpTask);
   bool AVFormat_UNPack_Read(void* lpTask, int* pnStreamIndex, unsigned char* pData, int* pnSize,
                             AVCODEC_PACKETINFO* pInfo, AVCODEC_TIMEBASE* pTimeBase);
+  bool AVFormat_UNPack_ReadSized(void* lpTask, int* pnStreamIndex, unsigned char* pData, int nCapacity, int* pnSize,
+                                 int* pnFlags, AVCODEC_PACKETINFO* pInfo, AVCODEC_TIMEBASE* pTimeBase);
   bool AVFormat_UNPack_GetStatus(void* lpTask, bool* pbRunning);
   bool AVFormat_UNPack_Suspend(void* lpTask, bool bPause);
   bool AVFormat_UNPack_Seek(void* lpTask, int nStreamIndex, unsigned long long ullTimestamp);

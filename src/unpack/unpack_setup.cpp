@@ -34,7 +34,8 @@ bool MakeOutput(AVPACKET_FILE_INFO& info, const AVCODEC_FORMATINFO& record, cons
   AVFormatContext* output = info.pFormatContext.get();
   switch (quorvel::NewOutputStream(output, source->codecpar)) {
     case StreamStep::kDone: break;
-    case StreamStep::kNewStream: return Fail(ERROR_AVFORMAT_PACKET_MALLOC);
+    // Making the stream and copying its description are one step, with one code.
+    case StreamStep::kNewStream:
     case StreamStep::kCopyParameters: return Fail(ERROR_AVFORMAT_PACKET_CODECPAR);
   }
 
@@ -74,9 +75,11 @@ bool CAVFormat_UNPack::AVFormat_UNPack_Input(void* lpTask, const char* szUrl, AV
 bool CAVFormat_UNPack::AVFormat_UNPack_Output(void* lpTask, AVCODEC_FORMATINFO*** pppInfos, int nCount) {
   quorvel::ClearError();
   auto* task = static_cast<AVPACKET_FILE_UNPACK*>(lpTask);
-  // Outputs are described from the input's streams, and the running worker walks the list.
-  if (task == nullptr || !task->bInputReady || task->bStarted) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
+  if (task == nullptr) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
+  // No output asked for is no work, whatever stage the task is at.
   if (nCount <= 0) return true;
+  // Outputs are described from the input's streams, and the running worker walks the list.
+  if (!task->bInputReady || task->bStarted) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
 
   const AVFormatContext* input = task->pFormatContext.get();
   if (pppInfos == nullptr || *pppInfos == nullptr || static_cast<unsigned>(nCount) > input->nb_streams)

@@ -37,6 +37,15 @@ struct AVPACKET_FILE_UNPACK {
   bool bInputReady = false;  // Input succeeded: the input is open and its streams known
   bool bStarted = false;     // Start has been called with success
   quorvel::Packet pReadPacket;  // reused by every Read
+  // pReadPacket holds a packet that a sized Read found too large for the
+  // caller's buffer: the next Read of either kind delivers it.
+  bool bReadKept = false;
+
+  // Forgets a kept packet: after a seek or once the worker reads, it is stale.
+  void DropKeptPacket() noexcept {
+    if (bReadKept) av_packet_unref(pReadPacket.get());
+    bReadKept = false;
+  }
   // What the task has done over all its outputs, for GetReport.
   quorvel::TaskTally stTally;
   // Read, Seek and GetAVCodec run on the caller's thread against the input the worker reads.

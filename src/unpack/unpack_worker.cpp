@@ -14,6 +14,8 @@ bool CAVFormat_UNPack::AVFormat_UNPack_Start(void* lpTask) {
   // Started once, and only with an input; outputs are optional.
   if (task == nullptr || !task->bInputReady || task->bStarted) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
 
+  // The worker reads on from the input's position: a packet that a sized Read kept is not delivered any more.
+  task->DropKeptPacket();
   task->bStarted = true;
   task->bRunning = true;
   task->bPause = false;
@@ -109,6 +111,8 @@ bool CAVFormat_UNPack::AVFormat_UNPack_Seek(void* lpTask, int nStreamIndex, unsi
   if (nStreamIndex < -1 || nStreamIndex >= static_cast<int>(input->nb_streams)) return Fail(ERROR_AVFORMAT_PACKET_SEEK);
   if (av_seek_frame(input, nStreamIndex, static_cast<int64_t>(ullTimestamp), AVSEEK_FLAG_BACKWARD) < 0)
     return Fail(ERROR_AVFORMAT_PACKET_SEEK);
+  // Reading goes on from the new position, not from a packet kept before it.
+  task->DropKeptPacket();
   return true;
 }
 

@@ -10,12 +10,9 @@
 namespace qtool {
 namespace {
 
-constexpr size_t kMiB = 1 << 20;
-// Read has no size argument, so the buffer must hold any packet: no packet is
-// larger than its file; from a pipe, 256 MiB (untouched pages cost nothing).
-constexpr size_t kLargestPacket = 256 * kMiB;
+constexpr off_t kMiB = 1 << 20;
 // Without a seek to the end, a file this small is read through to find its end.
-constexpr off_t kReadThroughLimit = 64 * static_cast<off_t>(kMiB);
+constexpr off_t kReadThroughLimit = 64 * kMiB;
 
 void NoProgress(void*, int, long long, double, void*) {}
 
@@ -32,9 +29,6 @@ double Seconds(int64_t ticks, AVCODEC_TIMEBASE time_base) {
 }  // namespace
 
 PullReader::PullReader(const std::string& path) {
-  const auto size = RegularFileSize(path);
-  capacity_ = (size ? std::min(static_cast<size_t>(*size), kLargestPacket) : kLargestPacket) + kMiB;
-  data_.reset(new unsigned char[capacity_]);
   task_ = AVFormat_UNPack_Init(NoProgress, nullptr);
   Check(task_ != nullptr, "creating a demultiplexing task");
   const bool standard_input = path == "-";
@@ -69,11 +63,18 @@ int PullReader::StreamCount() {
 }
 
 bool PullReader::Next(PulledPacket& packet) {
-  if (AVFormat_UNPack_Read(task_, &packet.stream, data_.get(), &packet.size, &packet.info, &packet.time_base))
-    return true;
-  if (AVFormat_GetLastError(nullptr) == ERROR_AVFORMAT_PACKET_READ) return false;
-  Check(false, "reading a packet");
-  return false;
+  // The buffer grows to the largest packet met so far: a packet can be far
+  // larger than its file (a compressed Matroska block inflates), so no size
+  // taken from the input would bound it.
+  for (;;) {
+    if (AVFormat_UNPack_ReadSized(task_, &packet.stream, data_.data(), static_cast<int>(data_.size()), &packet.size,
+                                  &packet.flags, &packet.info, &packet.time_base))
+      return true;
+    const uint64_t code = AVFormat_GetLastError(nullptr);
+    if (code == ERROR_AVFORMAT_PACKET_READ) return false;
+    Check(code == ERROR_AVFORMAT_PACKET_BUFFERSIZE, "reading a packet");
+    data_.resize(static_cast<size_t>(packet.size) + static_cast<size_t>(packet.size) / 2);  // room to grow
+  }
 }
 
 bool PullReader::SeekNearEnd() {

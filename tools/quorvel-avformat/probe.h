@@ -27,6 +27,7 @@ using CodecParameters = std::unique_ptr<AVCodecParameters, FreeParameters>;
 struct PulledPacket {
   int stream = 0;
   int size = 0;
+  int flags = 0;  // AVFORMAT_PKT_FLAG_*
   AVCODEC_PACKETINFO info{};
   AVCODEC_TIMEBASE time_base{};
 };
@@ -50,8 +51,7 @@ class PullReader {
 
  private:
   void* task_ = nullptr;
-  size_t capacity_ = 0;
-  std::unique_ptr<unsigned char[]> data_;  // must hold the largest packet: Read has no size argument
+  std::vector<unsigned char> data_;  // grown to the largest packet met
 };
 
 // Media type (AVMEDIA_TYPE_*) of each stream of a file; empty when the file
