@@ -23,7 +23,7 @@ int Run(const std::string& command, std::string* output = nullptr);
 // Example: Clip("av.mkv", "-f lavfi -i testsrc=d=2:s=160x120:r=25 -c:v mpeg4")
 std::string Clip(const std::string& name, const std::string& arguments);
 
-// Clips that several suites share (MPEG-4 Part 2 at 25 fps and AAC at 44.1 kHz).
+// Clips that several suites share (MPEG-4 video at 25 fps and AAC at 44.1 kHz).
 std::string VideoAudioClip(const std::string& extension);  // 2 s, video stream 0, audio stream 1
 std::string VideoOnlyClip(const std::string& extension);   // 2 s, 50 frames
 std::string AudioOnlyClip(const std::string& extension);   // 2 s
