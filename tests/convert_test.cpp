@@ -96,14 +96,15 @@ TEST(ConvertCut, StartDropsEarlyPacketsAndEndStopsOnlyOnAnExactMatch) {
 }
 
 // A raw H.264 stream has no timestamps: they are made from the task's packet
-// counter and the stream's frame rate (25 fps, however the linked FFmpeg
-// states it), then rescaled to the output.
+// counter and the stream's frame rate (as the linked FFmpeg states it), then
+// rescaled to the output.
 TEST(ConvertTimestamps, RawH264GetsCounterBasedTimes) {
   ProgressLog log;
   Convert(log, RawH264Clip(), TempPath("raw.mkv"));
   const auto packets = ProbePackets(TempPath("raw.mkv"));
   ASSERT_EQ(packets.size(), 25u);
-  for (size_t n = 0; n < packets.size(); ++n) EXPECT_EQ(packets[n].pts, static_cast<int64_t>(n) * 40) << n;
+  for (size_t n = 0; n < packets.size(); ++n)
+    EXPECT_EQ(packets[n].pts, static_cast<int64_t>(n) * RawH264FrameMs()) << n;
 }
 
 // With both a url and a read function the url must open, and then the bridge replaces it.

@@ -144,7 +144,7 @@ TEST(PacketMux, EachInputCarriesAllItsPacketsInItsLastMappedStream) {
       {Synthetic("mjpeg", {kVideo, audio}, AV_CODEC_ID_MJPEG, 1), {"audio"}, 21, AVMEDIA_TYPE_AUDIO, 0},
       {Synthetic("j2k", {kVideo, audio}, AV_CODEC_ID_JPEG2000, 1), {"audio"}, 21, AVMEDIA_TYPE_AUDIO, 0},
       {Synthetic("png", {kVideo, audio}, AV_CODEC_ID_PNG, 1), {"video", "audio"}, 21, AVMEDIA_TYPE_AUDIO, 0},
-      {RawH264Clip(), {"video"}, 25, AVMEDIA_TYPE_VIDEO, 40}};
+      {RawH264Clip(), {"video"}, 25, AVMEDIA_TYPE_VIDEO, RawH264FrameMs()}};
   for (const auto& [input, expected, carried, type, frame_ms] : cases) {
     SCOPED_TRACE(input);
     ProgressLog log;

@@ -103,6 +103,14 @@ std::string AudioOnlyClip(const std::string& extension) {
 std::string RawH264Clip() {
   return Clip("raw.h264", "-f lavfi -i testsrc=d=1:s=160x120:r=25 -c:v libx264 -bf 0 -f h264");
 }
+int64_t RawH264FrameMs() {
+  AVFormatContext* input = nullptr;
+  if (avformat_open_input(&input, RawH264Clip().c_str(), nullptr, nullptr) < 0) return 0;
+  const bool found = avformat_find_stream_info(input, nullptr) >= 0 && input->nb_streams > 0;
+  const AVRational rate = found ? input->streams[0]->r_frame_rate : AVRational{0, 1};
+  avformat_close_input(&input);
+  return rate.num > 0 ? static_cast<int64_t>(1000 * rate.den / rate.num) : 0;
+}
 
 void WriteSynthetic(const std::string& path, const std::string& format, const std::vector<SyntheticStream>& streams) {
   AVFormatContext* output = nullptr;

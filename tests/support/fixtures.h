@@ -28,6 +28,9 @@ std::string VideoAudioClip(const std::string& extension);  // 2 s, video stream 
 std::string VideoOnlyClip(const std::string& extension);   // 2 s, 50 frames
 std::string AudioOnlyClip(const std::string& extension);   // 2 s
 std::string RawH264Clip();                                 // 1 s, 25 frames, no timestamps
+// One frame of it in ms at the rate the linked FFmpeg states (25 fps in 5.1, 50 in 9.0),
+// which is what timestamps made up from the frame rate follow.
+int64_t RawH264FrameMs();
 
 // One stream of a synthetic file: `count` packets of `size` bytes whose pts
 // are first_pts, first_pts + step, ...; dts equal pts, duration equals step.
