@@ -21,8 +21,7 @@ make audio.adts $audio -c:a aac -b:a 16k -f adts
 # joined to itself takes its times past 64 bits unless every sum is checked.
 make extreme-ts.mkv -f lavfi -i testsrc=d=0.04:s=16x16:r=25 -c:v mpeg4 -enc_time_base:v 1:1000 \
   -bsf:v setts=ts=4611686018427387904+TS
-# A playlist whose segments are a neighbour file and a network URL (port 9,
-# nothing listens): read through a caller read function it may open neither.
-printf '#EXTM3U\n#EXT-X-TARGETDURATION:1\n#EXTINF:0.24,\nav.ts\n#EXTINF:0.24,\nhttp://127.0.0.1:9/x.ts\n#EXT-X-ENDLIST\n' \
-  >playlist.m3u8
+# No playlist here: a playlist opened by name lets FFmpeg's HLS demuxer wait
+# on its segments' retries, which a fuzz run takes for a hang. Playlists are
+# covered by the hostile-input suite instead, until set-up can be bounded in time.
 ls -l
