@@ -872,6 +872,118 @@ QUORVEL_AVFORMAT_API bool AVFormat_Packet_StopWithReport(void* task, AVFORMAT_TA
 QUORVEL_AVFORMAT_API bool AVFormat_Link_StopWithReport(void* task, AVFORMAT_TASK_REPORT* report);
 
 
+/* ---- Task options --------------------------------------------------------- */
+
+/**
+ * Sets one option of a task, by name and value (both strings). Valid from
+ * Init until Start; an option that acts on Input or on Output must come before
+ * that call (for the multi-input families, before the first Input). With no
+ * option set, every function of the family behaves as described above.
+ *
+ *   name                  families     value, and what it does
+ *   input.NAME            all          passed to the input's open: demuxer and
+ *                                      protocol options (probesize,
+ *                                      analyzeduration, rw_timeout, fflags, ...);
+ *                                      every input of the task gets them
+ *   input.format          all          forces the demuxer by its short name
+ *                                      (raw streams through a read function)
+ *   output.NAME           all          passed to the header write: muxer options
+ *                                      (movflags=+faststart, ...)
+ *   policy                all          "strict" for inputs from strangers (named
+ *                                      inputs: the file protocol only; bridged
+ *                                      inputs: no nested protocol; only
+ *                                      self-contained demuxers; bounded probing
+ *                                      and reads); "default"
+ *   mode                  all          "practical" sets every practical option
+ *                                      below that the family has to 1; "defined"
+ *                                      sets them all to 0
+ *   keyframe_start        convert, unpack, link
+ *                                      1: a cut starts at the key frame at or
+ *                                      before its start time, found by seeking
+ *   end_exclusive         convert, unpack
+ *                                      1: a packet is kept while its time is before
+ *                                      the end time; the run ends once every kept
+ *                                      stream has passed it
+ *   zero_start            convert, unpack
+ *                                      1: every output timestamp is shifted by the
+ *                                      same amount, so that the output starts at 0
+ *   dense_streams         convert      1: each kept stream goes into an output
+ *                                      stream of its own, in order
+ *   rescale_times         unpack       1: times are rescaled into each output
+ *                                      stream's time base
+ *   interleave_by_time    mux          1: the next packet is the one with the
+ *                                      smallest decode time across the inputs
+ *   until_all_inputs_end  mux          1: the run goes on until every input ends
+ *   all_streams           mux          1: each usable stream of an input gets an
+ *                                      output stream of its own
+ *   streams               mux          a stream specifier (v:0, a, s:1, #0x101, ...)
+ *                                      choosing the streams of the next Input
+ *                                      only; implies all_streams for that input
+ *   continuous_times      link         1: each input starts where the previous one
+ *                                      ended, decode times strictly increasing
+ *   cut_per_input         link         1: each input's start and end are times on
+ *                                      that input's own timeline
+ *   fragment_bridged_mp4  convert, unpack, mux
+ *                                      1: an MP4/MOV output written to a caller
+ *                                      function is fragmented, unless output.movflags
+ *                                      is set
+ *   dts_as_pts            all          1: a packet without a presentation time
+ *                                      takes its decode time; times are made up
+ *                                      from the frame rate only for a stream
+ *                                      whose packets carry no time at all
+ *   outputs_independent   unpack       1: a packet that one output refuses is
+ *                                      counted (llPacketsRefused) and the other
+ *                                      outputs go on; an output whose I/O failed
+ *                                      ends alone
+ *   keep_codec_tag        all          1: an output stream keeps the input's codec
+ *                                      tag where the output container accepts it
+ *                                      (cleared otherwise); set before Input
+ *
+ * Booleans take 1/0, true/false, yes/no, on/off. docs/options.md has examples.
+ * Errors: the family's parameter code for a null task, name or value; the
+ * family's OPTION code for a name it does not know, OPTION_VALUE for a value
+ * it does not take, OPTION_LATE for an option set after the call it acts on.
+ * An input.NAME or output.NAME entry that FFmpeg does not use fails the call
+ * that passes it (Input, Output, Start) with the family's OPTION_UNUSED code,
+ * and an input refused by the strict policy fails Input with POLICY.
+ */
+QUORVEL_AVFORMAT_API bool AVFormat_Convert_SetOption(void* task, const char* name, const char* value);
+QUORVEL_AVFORMAT_API bool AVFormat_UNPack_SetOption(void* task, const char* name, const char* value);
+QUORVEL_AVFORMAT_API bool AVFormat_Packet_SetOption(void* task, const char* name, const char* value);
+QUORVEL_AVFORMAT_API bool AVFormat_Link_SetOption(void* task, const char* name, const char* value);
+
+/** Conversion SetOption: no such option for this family. */
+#define ERROR_AVFORMAT_CONVERT_OPTION 0x80D0070
+/** Conversion SetOption: the option does not take that value. */
+#define ERROR_AVFORMAT_CONVERT_OPTION_VALUE 0x80D0071
+/** Conversion SetOption: too late, the call that the option acts on was made. */
+#define ERROR_AVFORMAT_CONVERT_OPTION_LATE 0x80D0072
+/** Conversion Input or Start: FFmpeg did not use an input. or output. option. */
+#define ERROR_AVFORMAT_CONVERT_OPTION_UNUSED 0x80D0073
+/** Conversion Input: the strict policy refuses the input (a URL, a protocol, a demuxer). */
+#define ERROR_AVFORMAT_CONVERT_POLICY 0x80D0074
+/** Multiplexing and demultiplexing SetOption: no such option for this family. */
+#define ERROR_AVFORMAT_PACKET_OPTION 0x80D1013
+/** Multiplexing and demultiplexing SetOption: the option does not take that value. */
+#define ERROR_AVFORMAT_PACKET_OPTION_VALUE 0x80D1014
+/** Multiplexing and demultiplexing SetOption: too late, the call that the option acts on was made. */
+#define ERROR_AVFORMAT_PACKET_OPTION_LATE 0x80D1015
+/** Multiplexing and demultiplexing Input, Output or Start: FFmpeg did not use an input. or output. option. */
+#define ERROR_AVFORMAT_PACKET_OPTION_UNUSED 0x80D1016
+/** Multiplexing and demultiplexing Input: the strict policy refuses the input. */
+#define ERROR_AVFORMAT_PACKET_POLICY 0x80D1017
+/** Concatenation SetOption: no such option for this family. */
+#define ERROR_AVFORMAT_LINK_OPTION 0x80D2010
+/** Concatenation SetOption: the option does not take that value. */
+#define ERROR_AVFORMAT_LINK_OPTION_VALUE 0x80D2011
+/** Concatenation SetOption: too late, the call that the option acts on was made. */
+#define ERROR_AVFORMAT_LINK_OPTION_LATE 0x80D2012
+/** Concatenation Input or Start: FFmpeg did not use an input. or output. option. */
+#define ERROR_AVFORMAT_LINK_OPTION_UNUSED 0x80D2013
+/** Concatenation Input: the strict policy refuses the input. */
+#define ERROR_AVFORMAT_LINK_POLICY 0x80D2014
+
+
 /* ---- End of the additions -------------------------------------------------- */
 
 #ifdef __cplusplus

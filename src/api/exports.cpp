@@ -169,6 +169,21 @@ QUORVEL_AVFORMAT_API bool AVFormat_Link_Stop(void* task) {
   return m_FileLink.AVFormat_Link_Stop(task);
 }
 
+// Task options
+
+QUORVEL_AVFORMAT_API bool AVFormat_Convert_SetOption(void* task, const char* name, const char* value) {
+  return Guarded(kConvert, false, [&] { return m_FileConvert.AVFormat_Convert_SetOption(task, name, value); });
+}
+QUORVEL_AVFORMAT_API bool AVFormat_UNPack_SetOption(void* task, const char* name, const char* value) {
+  return Guarded(kPacket, false, [&] { return m_FileUNPack.AVFormat_UNPack_SetOption(task, name, value); });
+}
+QUORVEL_AVFORMAT_API bool AVFormat_Packet_SetOption(void* task, const char* name, const char* value) {
+  return Guarded(kPacket, false, [&] { return m_FilePacket.AVFormat_Packet_SetOption(task, name, value); });
+}
+QUORVEL_AVFORMAT_API bool AVFormat_Link_SetOption(void* task, const char* name, const char* value) {
+  return Guarded(kLink, false, [&] { return m_FileLink.AVFormat_Link_SetOption(task, name, value); });
+}
+
 // Task reports
 
 QUORVEL_AVFORMAT_API bool AVFormat_Convert_GetReport(void* task, AVFORMAT_TASK_REPORT* report) {

@@ -33,6 +33,7 @@ class QUORVEL_AVFORMAT_API CAVFormat_Convert {
   bool AVFormat_Convert_GetStatus(void* lpTask, bool* pbRunning);
   bool AVFormat_Convert_Stop(void* lpTask) noexcept;
   bool AVFormat_Convert_Seek(void* lpTask, long long llSeconds);
+  bool AVFormat_Convert_SetOption(void* lpTask, const char* szName, const char* szValue);
 
   static int AVFormat_Convert_Thread(void* lpTask);
 

@@ -14,7 +14,10 @@ using quorvel::StreamStep;
 namespace {
 
 constexpr quorvel::OpenCodes kOpenCodes{ERROR_AVFORMAT_CONVERT_MALLOC, ERROR_AVFORMAT_CONVERT_OPEN,
-                                        ERROR_AVFORMAT_CONVERT_OUTPUTFORMAT};
+                                        ERROR_AVFORMAT_CONVERT_OUTPUTFORMAT, ERROR_AVFORMAT_CONVERT_OPTION_UNUSED,
+                                        ERROR_AVFORMAT_CONVERT_POLICY};
+constexpr quorvel::OptionCodes kOptionCodes{ERROR_AVFORMAT_CONVERT_PARAMETER, ERROR_AVFORMAT_CONVERT_OPTION,
+                                            ERROR_AVFORMAT_CONVERT_OPTION_VALUE, ERROR_AVFORMAT_CONVERT_OPTION_LATE};
 
 }  // namespace
 
@@ -50,7 +53,7 @@ bool CAVFormat_Convert::AVFormat_Convert_Input(void* lpTask, const char* szUrl, 
   task->bInputReady = false;
   const OpenResult opened =
       quorvel::OpenInput(task->pInputContext, task->pInputBuffer, task->pInputIO, szUrl, fpRead, lpReadContext,
-                         quorvel::UrlBesideRead::kOpenedFirst, quorvel::InterruptOn(task->bAbort));
+                         quorvel::UrlBesideRead::kOpenedFirst, quorvel::InterruptOn(task->bAbort), &task->stOptions);
   if (!quorvel::FailOpen(opened, kOpenCodes)) return false;
 
   AVFormatContext* input = task->pInputContext.get();
@@ -78,4 +81,15 @@ bool CAVFormat_Convert::AVFormat_Convert_Input(void* lpTask, const char* szUrl, 
   }
   task->bInputReady = true;
   return true;
+}
+
+bool CAVFormat_Convert::AVFormat_Convert_SetOption(void* lpTask, const char* szName, const char* szValue) {
+  quorvel::ClearError();
+  auto* task = static_cast<AVPACKET_FILE_CONVERT*>(lpTask);
+  if (task == nullptr) return Fail(ERROR_AVFORMAT_CONVERT_PARAMETER);
+  // Input makes the output streams and Start writes the header and runs.
+  return quorvel::SetTaskOption(task->stOptions, quorvel::kConvertFamily, szName, szValue, kOptionCodes,
+                                [task](quorvel::OptionTime time) {
+                                  return task->bStarted || (time == quorvel::OptionTime::kInputOpen && task->bInputReady);
+                                });
 }

@@ -8,6 +8,7 @@
 
 #include "Quorvel_AVFormat.h"
 #include "core/io.h"
+#include "core/options.h"
 #include "core/report.h"
 
 struct AVPACKET_FILE_CONVERT {
@@ -36,6 +37,8 @@ struct AVPACKET_FILE_CONVERT {
   bool bStarted = false;        // Start has been called with success
   bool bHeaderWritten = false;  // the trailer may only follow a written header
   // What the task has done, for GetReport; written by whichever thread writes the output.
+  // What SetOption set; read by the set-up calls and the worker.
+  quorvel::TaskOptions stOptions;
   quorvel::TaskTally stTally;
   int64_t llBytesSeen = 0;  // the output's bytes that stTally has counted
   // Seek runs on the caller's thread against the input the worker reads.

@@ -38,9 +38,13 @@ bool CAVFormat_Convert::AVFormat_Convert_Start(void* lpTask) {
   if (task == nullptr || task->bStarted || !task->bOutputReady || !task->bInputReady)
     return Fail(ERROR_AVFORMAT_CONVERT_PARAMETER);
 
-  const int header = avformat_write_header(task->pOutputContext.get(), nullptr);
+  const quorvel::HeaderResult header = quorvel::WriteHeader(task->pOutputContext.get(), task->stOptions);
   task->stTally.Observe(task->pOutputContext.get(), task->llBytesSeen);
-  if (header < 0) return Fail(ERROR_AVFORMAT_CONVERT_WRITEHEADER);
+  if (header == quorvel::HeaderResult::kUnused) {
+    task->bStarted = true;  // the muxer is set up: it takes no second try
+    return Fail(ERROR_AVFORMAT_CONVERT_OPTION_UNUSED);
+  }
+  if (header != quorvel::HeaderResult::kWritten) return Fail(ERROR_AVFORMAT_CONVERT_WRITEHEADER);
   task->bHeaderWritten = true;
   task->bStarted = true;
 

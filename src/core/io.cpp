@@ -67,10 +67,25 @@ BridgeIO MakeBridgeIO(BridgeBuffer& buffer, IOFunction function, void* context, 
   return BridgeIO(io);
 }
 
+// avformat_open_input on the allocated `input`, with the task's input
+// options. The context is freed by a failed open.
+OpenResult OpenPrepared(InputContext& input, const char* url, const TaskOptions* options, bool bridged) noexcept {
+  InputOpenOptions open(options, bridged);
+  if (!open.Prepare(input.get())) return OpenResult::kNoMemory;
+  AVFormatContext* context = input.release();
+  const int result = avformat_open_input(&context, url, open.Format(), open.Entries());
+  input.reset(context);
+  // The policy's refusals (a protocol or a demuxer not on its lists) are
+  // FFmpeg's "invalid argument".
+  if (result == AVERROR(EINVAL) && open.Strict()) return OpenResult::kRefused;
+  if (result < 0) return OpenResult::kOpenFailed;
+  return open.Unused() ? OpenResult::kUnusedOption : OpenResult::kOk;
+}
+
 // Opens the input through the bridge: a fresh context in `input` (releasing
 // what it held), a buffer in `buffer` that `io` then owns.
 OpenResult OpenBridgeInput(InputContext& input, BridgeBuffer& buffer, BridgeIO& io, IOFunction read, void* opaque,
-                           AVIOInterruptCB interrupt) noexcept {
+                           AVIOInterruptCB interrupt, const TaskOptions* options) noexcept {
   input.reset(avformat_alloc_context());
   buffer = AllocBridgeBuffer();
   if (!input || !buffer) return OpenResult::kNoMemory;
@@ -85,10 +100,7 @@ OpenResult OpenBridgeInput(InputContext& input, BridgeBuffer& buffer, BridgeIO& 
   // the caller did not name, so what they ask to open (a playlist's segments)
   // may only be decrypted or inline data, never a file or a network address.
   if (av_opt_set(input.get(), "protocol_whitelist", kBridgeNestedProtocols, 0) < 0) return OpenResult::kNoMemory;
-  AVFormatContext* context = input.release();
-  const int result = avformat_open_input(&context, "nothing", nullptr, nullptr);
-  input.reset(context);
-  return result < 0 ? OpenResult::kOpenFailed : OpenResult::kOk;
+  return OpenPrepared(input, "nothing", options, true);
 }
 
 }  // namespace
@@ -109,28 +121,32 @@ bool FailOpen(OpenResult result, const OpenCodes& codes) noexcept {
     case OpenResult::kNoMemory: return Fail(codes.no_memory);
     case OpenResult::kOpenFailed: return Fail(codes.open_failed);
     case OpenResult::kNoFormat: return Fail(codes.no_format);
+    case OpenResult::kUnusedOption: return Fail(codes.unused_option);
+    case OpenResult::kRefused: return Fail(codes.refused);
   }
   return Fail(codes.open_failed);
 }
 
-OpenResult OpenUrlInput(InputContext& input, const char* url, AVIOInterruptCB interrupt) noexcept {
+OpenResult OpenUrlInput(InputContext& input, const char* url, AVIOInterruptCB interrupt,
+                        const TaskOptions* options) noexcept {
   input.reset(avformat_alloc_context());
   // Opening by name allocates the context as part of the open: it fails as the open does.
   if (!input) return OpenResult::kOpenFailed;
   input->interrupt_callback = interrupt;
-  AVFormatContext* context = input.release();
-  const int result = avformat_open_input(&context, url, nullptr, nullptr);  // frees it on failure
-  input.reset(context);
-  return result < 0 ? OpenResult::kOpenFailed : OpenResult::kOk;
+  if (!InputOpenOptions(options, false).UrlAllowed(url)) {
+    input.reset();
+    return OpenResult::kRefused;
+  }
+  return OpenPrepared(input, url, options, false);
 }
 
 OpenResult OpenInput(InputContext& input, BridgeBuffer& buffer, BridgeIO& io, const char* url, IOFunction read,
-                     void* opaque, UrlBesideRead rule, AVIOInterruptCB interrupt) noexcept {
+                     void* opaque, UrlBesideRead rule, AVIOInterruptCB interrupt, const TaskOptions* options) noexcept {
   if (url != nullptr && (read == nullptr || rule == UrlBesideRead::kOpenedFirst)) {
-    const OpenResult opened = OpenUrlInput(input, url, interrupt);
+    const OpenResult opened = OpenUrlInput(input, url, interrupt, options);
     if (opened != OpenResult::kOk || read == nullptr) return opened;
   }
-  return OpenBridgeInput(input, buffer, io, read, opaque, interrupt);
+  return OpenBridgeInput(input, buffer, io, read, opaque, interrupt, options);
 }
 
 OpenResult OpenOutput(OutputContext& output, BridgeBuffer& buffer, BridgeIO& io, const char* name, IOFunction write,

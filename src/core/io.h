@@ -13,6 +13,7 @@
 
 #include "Quorvel_AVFormat.h"
 #include "core/ffmpeg.h"
+#include "core/options.h"
 
 namespace quorvel {
 
@@ -36,6 +37,8 @@ enum class OpenResult {
   kNoMemory,    // a context or a buffer could not be allocated
   kOpenFailed,  // avformat_open_input or avio_open failed
   kNoFormat,    // no output format for the name
+  kUnusedOption,  // an input.NAME option that FFmpeg did not use
+  kRefused,       // the strict input policy refused the input
 };
 
 // Interrupt callback for FFmpeg's blocking I/O: aborts once `flag` is set, so
@@ -47,13 +50,17 @@ struct OpenCodes {
   uint64_t no_memory;
   uint64_t open_failed;
   uint64_t no_format;
+  uint64_t unused_option;
+  uint64_t refused;
 };
 
 // True for kOk; otherwise records the family's code for `result` and returns false.
 bool FailOpen(OpenResult result, const OpenCodes& codes) noexcept;
 
-// Opens `url` into `input` (replacing, and releasing, what it held).
-OpenResult OpenUrlInput(InputContext& input, const char* url, AVIOInterruptCB interrupt) noexcept;
+// Opens `url` into `input` (replacing, and releasing, what it held), with
+// the task's input options when `options` is given.
+OpenResult OpenUrlInput(InputContext& input, const char* url, AVIOInterruptCB interrupt,
+                        const TaskOptions* options = nullptr) noexcept;
 
 // What an input given both a url and a read function is opened from.
 enum class UrlBesideRead {
@@ -67,8 +74,10 @@ enum class UrlBesideRead {
 // `read` must be given. `interrupt` comes from InterruptOn: its flag also
 // stops the bridge's reads. An input opened by name keeps FFmpeg's defaults
 // for what it opens itself; a bridged one may open only kBridgeNestedProtocols.
+// `options`, when given, adds the task's input options and strict policy.
 OpenResult OpenInput(InputContext& input, BridgeBuffer& buffer, BridgeIO& io, const char* url, IOFunction read,
-                     void* opaque, UrlBesideRead rule, AVIOInterruptCB interrupt) noexcept;
+                     void* opaque, UrlBesideRead rule, AVIOInterruptCB interrupt,
+                     const TaskOptions* options = nullptr) noexcept;
 
 // Creates the output context. Without `write`, `name` is a file name or URL
 // that decides the container, and the file is opened unless the format needs

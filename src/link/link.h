@@ -34,6 +34,7 @@ class QUORVEL_AVFORMAT_API CAVFormat_Link {
   bool AVFormat_Link_GetStatus(void* lpTask, bool* pbRunning);
   bool AVFormat_Link_Suspend(void* lpTask, bool bPause);
   bool AVFormat_Link_Stop(void* lpTask) noexcept;
+  bool AVFormat_Link_SetOption(void* lpTask, const char* szName, const char* szValue);
 
   static int AVFormat_Link_Thread(void* lpTask);
 };

@@ -16,7 +16,10 @@ namespace {
 
 // This family opens files by name only, where a failed allocation is a failed open.
 constexpr quorvel::OpenCodes kOpenCodes{ERROR_AVFORMAT_LINK_OPEN, ERROR_AVFORMAT_LINK_OPEN,
-                                        ERROR_AVFORMAT_LINK_OUTPUTFORMAT};
+                                        ERROR_AVFORMAT_LINK_OUTPUTFORMAT, ERROR_AVFORMAT_LINK_OPTION_UNUSED,
+                                        ERROR_AVFORMAT_LINK_POLICY};
+constexpr quorvel::OptionCodes kOptionCodes{ERROR_AVFORMAT_LINK_PARAMETER, ERROR_AVFORMAT_LINK_OPTION,
+                                            ERROR_AVFORMAT_LINK_OPTION_VALUE, ERROR_AVFORMAT_LINK_OPTION_LATE};
 
 // Describes the output's stream of one kind from `parameters`, unless an
 // earlier input already did.
@@ -74,7 +77,8 @@ bool CAVFormat_Link::AVFormat_Link_Input(void* lpTask, const char* szFile, doubl
   // Whatever this call opened is released when it fails.
   AVPACKET_LINKINFO element;
   // Files and URLs only: this family takes no read function.
-  const OpenResult opened = quorvel::OpenUrlInput(element.pInputContext, szFile, quorvel::InterruptOn(task->bAbort));
+  const OpenResult opened =
+      quorvel::OpenUrlInput(element.pInputContext, szFile, quorvel::InterruptOn(task->bAbort), &task->stOptions);
   if (!quorvel::FailOpen(opened, kOpenCodes)) return false;
   AVFormatContext* input = element.pInputContext.get();
   if (avformat_find_stream_info(input, nullptr) < 0) return Fail(ERROR_AVFORMAT_LINK_STREAMINFO);
@@ -99,4 +103,16 @@ bool CAVFormat_Link::AVFormat_Link_Input(void* lpTask, const char* szFile, doubl
   element.dlEndTime = dlEndTime;
   task->pInputList.push_back(std::move(element));
   return true;
+}
+
+bool CAVFormat_Link::AVFormat_Link_SetOption(void* lpTask, const char* szName, const char* szValue) {
+  quorvel::ClearError();
+  auto* task = static_cast<AVPACKET_FILELINK*>(lpTask);
+  if (task == nullptr) return Fail(ERROR_AVFORMAT_LINK_PARAMETER);
+  // Options for the inputs come before the first Input; Start writes the header and runs.
+  return quorvel::SetTaskOption(task->stOptions, quorvel::kLinkFamily, szName, szValue, kOptionCodes,
+                                [task](quorvel::OptionTime time) {
+                                  return task->bStarted ||
+                                         (time == quorvel::OptionTime::kInputOpen && !task->pInputList.empty());
+                                });
 }

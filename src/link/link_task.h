@@ -7,6 +7,7 @@
 
 #include "Quorvel_AVFormat.h"
 #include "core/ffmpeg.h"
+#include "core/options.h"
 #include "core/report.h"
 
 // One input file, in joining order.
@@ -36,6 +37,8 @@ struct AVPACKET_FILELINK {
   bool bStarted = false;        // Start has been called; the header was tried
   bool bHeaderWritten = false;  // the trailer may only follow a written header
   // What the task has done, for GetReport; written by whichever thread writes the output.
+  // What SetOption set; read by the set-up calls and the worker.
+  quorvel::TaskOptions stOptions;
   quorvel::TaskTally stTally;
   int64_t llBytesSeen = 0;  // the output's bytes that stTally has counted
 };

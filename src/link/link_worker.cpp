@@ -132,9 +132,10 @@ bool CAVFormat_Link::AVFormat_Link_Start(void* lpTask) {
   if (task == nullptr || task->bStarted || !task->bOutputReady) return Fail(ERROR_AVFORMAT_LINK_PARAMETER);
 
   task->bStarted = true;
-  const int header = avformat_write_header(task->pOutputContext.get(), nullptr);
+  const quorvel::HeaderResult header = quorvel::WriteHeader(task->pOutputContext.get(), task->stOptions);
   task->stTally.Observe(task->pOutputContext.get(), task->llBytesSeen);
-  if (header < 0) return Fail(ERROR_AVFORMAT_LINK_WRITEHEADER);
+  if (header == quorvel::HeaderResult::kUnused) return Fail(ERROR_AVFORMAT_LINK_OPTION_UNUSED);
+  if (header != quorvel::HeaderResult::kWritten) return Fail(ERROR_AVFORMAT_LINK_WRITEHEADER);
   task->bHeaderWritten = true;
 
   task->bRunning = true;

@@ -34,6 +34,7 @@ class QUORVEL_AVFORMAT_API CAVFormat_Packet {
   bool AVFormat_Packet_GetStatus(void* lpTask, bool* pbRunning);
   bool AVFormat_Packet_Suspend(void* lpTask, bool bPause);
   bool AVFormat_Packet_Stop(void* lpTask) noexcept;
+  bool AVFormat_Packet_SetOption(void* lpTask, const char* szName, const char* szValue);
   bool AVFormat_Packet_StreamCreate(void* lpTask, void* lpCodecParameters);
   bool AVFormat_Packet_StreamWrite(void* lpTask, int nStreamIndex, const unsigned char* pData, int nSize,
                                    AVCODEC_TIMEBASE* pTimeBase, AVCODEC_PACKETINFO* pInfo);

@@ -14,7 +14,10 @@ using quorvel::OpenResult;
 namespace {
 
 constexpr quorvel::OpenCodes kOpenCodes{ERROR_AVFORMAT_PACKET_MALLOC, ERROR_AVFORMAT_PACKET_OPEN,
-                                        ERROR_AVFORMAT_PACKET_OUTPUTFORMAT};
+                                        ERROR_AVFORMAT_PACKET_OUTPUTFORMAT, ERROR_AVFORMAT_PACKET_OPTION_UNUSED,
+                                        ERROR_AVFORMAT_PACKET_POLICY};
+constexpr quorvel::OptionCodes kOptionCodes{ERROR_AVFORMAT_PACKET_PARAMETER, ERROR_AVFORMAT_PACKET_OPTION,
+                                            ERROR_AVFORMAT_PACKET_OPTION_VALUE, ERROR_AVFORMAT_PACKET_OPTION_LATE};
 
 // Video and audio are carried over, but not still pictures such as cover art.
 bool IsCarried(const AVCodecParameters* parameters) {
@@ -63,7 +66,7 @@ bool CAVFormat_Packet::AVFormat_Packet_Input(void* lpTask, const char* szUrl, AV
   AVPACKET_FILE_AVINFO element;
   const OpenResult opened =
       quorvel::OpenInput(element.pInputContext, element.pInputBuffer, element.pInputIO, szUrl, fpRead, lpReadContext,
-                         quorvel::UrlBesideRead::kOpenedFirst, quorvel::InterruptOn(task->bAbort));
+                         quorvel::UrlBesideRead::kOpenedFirst, quorvel::InterruptOn(task->bAbort), &task->stOptions);
   if (!quorvel::FailOpen(opened, kOpenCodes)) return false;
 
   AVFormatContext* input = element.pInputContext.get();
@@ -102,4 +105,17 @@ bool CAVFormat_Packet::AVFormat_Packet_Input(void* lpTask, const char* szUrl, AV
   }
   task->pInputList.push_back(std::move(element));
   return true;
+}
+
+bool CAVFormat_Packet::AVFormat_Packet_SetOption(void* lpTask, const char* szName, const char* szValue) {
+  quorvel::ClearError();
+  auto* task = static_cast<AVPACKET_FILE_PACKET*>(lpTask);
+  if (task == nullptr) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
+  // Options for the inputs come before the first Input; the header is
+  // written by Start or the first StreamWrite.
+  return quorvel::SetTaskOption(task->stOptions, quorvel::kMuxFamily, szName, szValue, kOptionCodes,
+                                [task](quorvel::OptionTime time) {
+                                  return task->HeaderTried() ||
+                                         (time == quorvel::OptionTime::kInputOpen && !task->pInputList.empty());
+                                });
 }

@@ -76,9 +76,10 @@ bool CAVFormat_Packet::AVFormat_Packet_StreamWrite(void* lpTask, int nStreamInde
   // the flag is set before trying.
   if (!task->HeaderTried()) {
     task->bHeaderWritten = true;
-    const int header = avformat_write_header(output, nullptr);
+    const quorvel::HeaderResult header = quorvel::WriteHeader(output, task->stOptions);
     task->stTally.Observe(output, task->llBytesSeen);
-    if (header < 0) return Fail(ERROR_AVFORMAT_PACKET_WRITEHEADER);
+    if (header == quorvel::HeaderResult::kUnused) return Fail(ERROR_AVFORMAT_PACKET_OPTION_UNUSED);
+    if (header != quorvel::HeaderResult::kWritten) return Fail(ERROR_AVFORMAT_PACKET_WRITEHEADER);
     task->bHeaderOk = true;
   }
   if (nStreamIndex < 0 || static_cast<unsigned>(nStreamIndex) >= output->nb_streams)

@@ -7,6 +7,7 @@
 
 #include "Quorvel_AVFormat.h"
 #include "core/io.h"
+#include "core/options.h"
 #include "core/report.h"
 
 // One input file and the one stream mapping that the worker uses for all of
@@ -50,6 +51,8 @@ struct AVPACKET_FILE_PACKET {
   bool bHeaderOk = false;     // a header was written: packets and the trailer may follow
   quorvel::Packet pWritePacket;  // reused by every StreamWrite
   // What the task has done, for GetReport; written by whichever thread writes the output.
+  // What SetOption set; read by the set-up calls and the worker.
+  quorvel::TaskOptions stOptions;
   quorvel::TaskTally stTally;
   int64_t llBytesSeen = 0;  // the output's bytes that stTally has counted
 

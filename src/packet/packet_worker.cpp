@@ -86,9 +86,10 @@ bool CAVFormat_Packet::AVFormat_Packet_Start(void* lpTask) {
   if (task == nullptr || !task->bOutputReady || task->HeaderTried()) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
 
   task->bStarted = true;
-  const int header = avformat_write_header(task->pOutputContext.get(), nullptr);
+  const quorvel::HeaderResult header = quorvel::WriteHeader(task->pOutputContext.get(), task->stOptions);
   task->stTally.Observe(task->pOutputContext.get(), task->llBytesSeen);
-  if (header < 0) return Fail(ERROR_AVFORMAT_PACKET_WRITEHEADER);
+  if (header == quorvel::HeaderResult::kUnused) return Fail(ERROR_AVFORMAT_PACKET_OPTION_UNUSED);
+  if (header != quorvel::HeaderResult::kWritten) return Fail(ERROR_AVFORMAT_PACKET_WRITEHEADER);
   task->bHeaderOk = true;
 
   task->bRunning = true;

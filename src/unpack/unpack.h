@@ -31,6 +31,7 @@ class QUORVEL_AVFORMAT_API CAVFormat_UNPack {
   bool AVFormat_UNPack_Suspend(void* lpTask, bool bPause);
   bool AVFormat_UNPack_Seek(void* lpTask, int nStreamIndex, unsigned long long ullTimestamp);
   bool AVFormat_UNPack_Stop(void* lpTask) noexcept;
+  bool AVFormat_UNPack_SetOption(void* lpTask, const char* szName, const char* szValue);
   bool AVFormat_UNPack_GetAVCodec(void* lpTask, int nStreamIndex, void** ppCodecParameters,
                                   AVCODEC_TIMEBASE* pTimeBase);
 

@@ -15,14 +15,17 @@ using quorvel::StreamStep;
 namespace {
 
 constexpr quorvel::OpenCodes kOpenCodes{ERROR_AVFORMAT_PACKET_MALLOC, ERROR_AVFORMAT_PACKET_OPEN,
-                                        ERROR_AVFORMAT_PACKET_OUTPUTFORMAT};
+                                        ERROR_AVFORMAT_PACKET_OUTPUTFORMAT, ERROR_AVFORMAT_PACKET_OPTION_UNUSED,
+                                        ERROR_AVFORMAT_PACKET_POLICY};
+constexpr quorvel::OptionCodes kOptionCodes{ERROR_AVFORMAT_PACKET_PARAMETER, ERROR_AVFORMAT_PACKET_OPTION,
+                                            ERROR_AVFORMAT_PACKET_OPTION_VALUE, ERROR_AVFORMAT_PACKET_OPTION_LATE};
 
 // Makes output `index` from `record`, with its one stream described by input
 // stream `index` and its header written. On failure records the code and
 // returns false; what was made stays in `info` for the caller to drop. What
 // the header wrote goes to `tally`.
 bool MakeOutput(AVPACKET_FILE_INFO& info, const AVCODEC_FORMATINFO& record, const AVStream* source,
-                quorvel::TaskTally& tally) {
+                quorvel::TaskTally& tally, const quorvel::TaskOptions& options) {
   std::memcpy(&info.FormatInfo, &record, sizeof record);
   // The name is read as a string that lives in the record's 264 bytes.
   info.FormatInfo.szName[sizeof info.FormatInfo.szName - 1] = '\0';
@@ -39,11 +42,12 @@ bool MakeOutput(AVPACKET_FILE_INFO& info, const AVCODEC_FORMATINFO& record, cons
     case StreamStep::kCopyParameters: return Fail(ERROR_AVFORMAT_PACKET_CODECPAR);
   }
 
-  const int header = avformat_write_header(output, nullptr);
+  const quorvel::HeaderResult header = quorvel::WriteHeader(output, options);
   // The header is out at once, before any packet: a file output is readable from here on.
-  if (header >= 0 && output->pb != nullptr) avio_flush(output->pb);
+  if (header == quorvel::HeaderResult::kWritten && output->pb != nullptr) avio_flush(output->pb);
   tally.Observe(output, info.llBytesSeen);
-  return header >= 0 || Fail(ERROR_AVFORMAT_PACKET_WRITEHEADER);
+  if (header == quorvel::HeaderResult::kUnused) return Fail(ERROR_AVFORMAT_PACKET_OPTION_UNUSED);
+  return header == quorvel::HeaderResult::kWritten || Fail(ERROR_AVFORMAT_PACKET_WRITEHEADER);
 }
 
 }  // namespace
@@ -63,7 +67,7 @@ bool CAVFormat_UNPack::AVFormat_UNPack_Input(void* lpTask, const char* szUrl, AV
   task->bInputReady = false;
   const OpenResult opened =
       quorvel::OpenInput(task->pFormatContext, task->pIOBuffer, task->pIOContext, szUrl, fpRead, lpReadContext,
-                         quorvel::UrlBesideRead::kIgnored, quorvel::InterruptOn(task->bAbort));
+                         quorvel::UrlBesideRead::kIgnored, quorvel::InterruptOn(task->bAbort), &task->stOptions);
   if (!quorvel::FailOpen(opened, kOpenCodes)) return false;
 
   // The family has no code of its own for streams that cannot be analysed.
@@ -90,8 +94,24 @@ bool CAVFormat_UNPack::AVFormat_UNPack_Output(void* lpTask, AVCODEC_FORMATINFO**
     if (records[i] == nullptr) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
     // Only a finished output joins the list; a failed one is released here.
     AVPACKET_FILE_INFO info;
-    if (!MakeOutput(info, *records[i], input->streams[i], task->stTally)) return false;
+    if (!MakeOutput(info, *records[i], input->streams[i], task->stTally, task->stOptions)) return false;
     task->pInfoList.push_back(std::move(info));
   }
   return true;
+}
+
+bool CAVFormat_UNPack::AVFormat_UNPack_SetOption(void* lpTask, const char* szName, const char* szValue) {
+  quorvel::ClearError();
+  auto* task = static_cast<AVPACKET_FILE_UNPACK*>(lpTask);
+  if (task == nullptr) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
+  // Output writes each output's header, Start runs.
+  return quorvel::SetTaskOption(task->stOptions, quorvel::kUnpackFamily, szName, szValue, kOptionCodes,
+                                [task](quorvel::OptionTime time) {
+                                  switch (time) {
+                                    case quorvel::OptionTime::kInputOpen: return task->bInputReady || task->bStarted;
+                                    case quorvel::OptionTime::kHeaderWrite: return !task->pInfoList.empty() || task->bStarted;
+                                    case quorvel::OptionTime::kRun: break;
+                                  }
+                                  return task->bStarted;
+                                });
 }

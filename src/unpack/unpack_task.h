@@ -8,6 +8,7 @@
 
 #include "Quorvel_AVFormat.h"
 #include "core/io.h"
+#include "core/options.h"
 #include "core/report.h"
 
 // One output: a container that holds the packets of one input stream.
@@ -47,6 +48,8 @@ struct AVPACKET_FILE_UNPACK {
     bReadKept = false;
   }
   // What the task has done over all its outputs, for GetReport.
+  // What SetOption set; read by the set-up calls and the worker.
+  quorvel::TaskOptions stOptions;
   quorvel::TaskTally stTally;
   // Read, Seek and GetAVCodec run on the caller's thread against the input the worker reads.
   std::mutex mtxInput;
