@@ -95,15 +95,11 @@ bool FailOption(uint64_t code) noexcept {
 }
 
 OptionLookup FindOption(unsigned family, const char* name, OptionTime& time) noexcept {
-  if (StartsWith(name, "input.")) {
+  // The preset sets options that act at Input too: it must come before it.
+  if (StartsWith(name, "input.") || std::strcmp(name, "policy") == 0 || std::strcmp(name, "mode") == 0) {
     time = OptionTime::kInputOpen;
   } else if (StartsWith(name, "output.")) {
     time = OptionTime::kHeaderWrite;
-  } else if (std::strcmp(name, "policy") == 0) {
-    time = OptionTime::kInputOpen;
-  } else if (std::strcmp(name, "mode") == 0) {
-    // Some practical options act at Input: the preset must come before it too.
-    time = OptionTime::kInputOpen;
   } else if (std::strcmp(name, "streams") == 0 && family == kMuxFamily) {
     // Chooses the streams of the next Input: never too late before Start.
     time = OptionTime::kRun;
@@ -197,17 +193,14 @@ HeaderResult WriteHeader(AVFormatContext* output, const TaskOptions& options) no
       av_dict_get(entries, "movflags", nullptr, 0) == nullptr)
     av_dict_set(&entries, "movflags", "+frag_keyframe+empty_moov+default_base_moof", 0);
 
-  HeaderResult result = HeaderResult::kWritten;
-  if (entries == nullptr) {
-    if (avformat_write_header(output, nullptr) < 0) result = HeaderResult::kFailed;
-  } else if (avformat_init_output(output, &entries) < 0) {
-    result = HeaderResult::kFailed;
-  } else if (av_dict_count(entries) > 0) {
-    // Refused before anything is written: the muxer did not know the entry.
+  // The muxer's set-up takes the entries it knows; one left over is refused
+  // before anything is written.
+  const bool set_up = entries == nullptr || avformat_init_output(output, &entries) >= 0;
+  HeaderResult result = HeaderResult::kFailed;
+  if (set_up && av_dict_count(entries) > 0)
     result = HeaderResult::kUnused;
-  } else if (avformat_write_header(output, nullptr) < 0) {
-    result = HeaderResult::kFailed;
-  }
+  else if (set_up && avformat_write_header(output, nullptr) >= 0)
+    result = HeaderResult::kWritten;
   av_dict_free(&entries);
   return result;
 }
