@@ -13,6 +13,7 @@
 #include <libavutil/mathematics.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 
 /* The buffer type of an AVIOContext's write function: const from libavformat 61 (FFmpeg 7) on. */
 #if LIBAVFORMAT_VERSION_MAJOR >= 61

@@ -2,9 +2,11 @@
  * bare_mux: the baseline for building one container from the streams of
  * several files. Each INPUT gives its first video or audio stream; the loop
  * takes one packet from each input in turn and ends when the first input runs
- * out, as the multiplexing family does.
+ * out, as the multiplexing family does by default. With -t it does what the
+ * family's practical mode does instead: the next packet is the one with the
+ * smallest decode time across the inputs, and every input is read to its end.
  *
- *   bare_mux OUTPUT INPUT [INPUT ...]
+ *   bare_mux [-t] OUTPUT INPUT [INPUT ...]
  */
 #include "bare.h"
 
@@ -12,11 +14,31 @@ struct source {
   AVFormatContext* input;
   int input_stream;
   int output_stream;
+  AVPacket* next; /* -t: the input's next packet of its stream, or NULL once it has ended */
 };
 
+/* -t: reads the source's next packet of its stream into source->next. */
+static void refill(struct source* source) {
+  while (av_read_frame(source->input, source->next) >= 0) {
+    if (source->next->stream_index == source->input_stream) return;
+    av_packet_unref(source->next);
+  }
+  av_packet_free(&source->next);
+}
+
+static void write_packet(AVFormatContext* output, struct source* source, AVPacket* packet) {
+  packet->stream_index = source->output_stream;
+  bare_rescale(packet, source->input->streams[source->input_stream]->time_base,
+               output->streams[source->output_stream]->time_base);
+  av_interleaved_write_frame(output, packet);
+}
+
 int main(int argc, char** argv) {
+  const int by_time = argc > 1 && strcmp(argv[1], "-t") == 0;
+  argv += by_time;
+  argc -= by_time;
   if (argc < 3) {
-    fprintf(stderr, "usage: %s OUTPUT INPUT [INPUT ...]\n", argv[0]);
+    fprintf(stderr, "usage: %s [-t] OUTPUT INPUT [INPUT ...]\n", argv[0]);
     return 2;
   }
   const int count = argc - 2;
@@ -38,10 +60,31 @@ int main(int argc, char** argv) {
     if (sources[i].input_stream < 0) bare_die("no video or audio stream in", argv[2 + i], 0);
   }
   bare_write_header(output);
-
   long long packets = 0;
   AVPacket* packet = av_packet_alloc();
-  int finished = 0;
+  if (by_time) {
+    for (int i = 0; i < count; ++i) {
+      sources[i].next = av_packet_alloc();
+      refill(&sources[i]);
+    }
+    for (;;) {
+      struct source* earliest = NULL;
+      for (int i = 0; i < count; ++i) {
+        struct source* source = &sources[i];
+        if (source->next == NULL) continue;
+        if (earliest == NULL ||
+            av_compare_ts(source->next->dts, source->input->streams[source->input_stream]->time_base,
+                          earliest->next->dts, earliest->input->streams[earliest->input_stream]->time_base) < 0)
+          earliest = source;
+      }
+      if (earliest == NULL) break;
+      av_packet_move_ref(packet, earliest->next);
+      write_packet(output, earliest, packet);
+      ++packets;
+      refill(earliest);
+    }
+  }
+  int finished = by_time;
   while (!finished) {
     for (int i = 0; i < count && !finished; ++i) {
       struct source* source = &sources[i];
@@ -53,10 +96,7 @@ int main(int argc, char** argv) {
         av_packet_unref(packet);
         continue;
       }
-      packet->stream_index = source->output_stream;
-      bare_rescale(packet, source->input->streams[source->input_stream]->time_base,
-                   output->streams[source->output_stream]->time_base);
-      av_interleaved_write_frame(output, packet);
+      write_packet(output, source, packet);
       ++packets;
     }
   }

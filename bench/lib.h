@@ -13,6 +13,7 @@
 #include <Quorvel_AVFormat.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <time.h>
 
 enum { kNotAvailable = 3 };
@@ -45,6 +46,19 @@ static inline void check(bool ok, const char* what) {
     fprintf(stderr, "%s failed: error 0x%llX\n", what, (unsigned long long)AVFormat_GetLastError(NULL));
     exit(1);
   }
+}
+
+/* Sets one task option from "NAME=VALUE" with the family's SetOption. */
+static inline void set_option(bool (*set)(void*, const char*, const char*), void* task, const char* pair) {
+  char name[128];
+  const char* equals = strchr(pair, '=');
+  if (equals == NULL || (size_t)(equals - pair) >= sizeof name) {
+    fprintf(stderr, "option %s: not NAME=VALUE\n", pair);
+    exit(2);
+  }
+  memcpy(name, pair, (size_t)(equals - pair));
+  name[equals - pair] = '\0';
+  check(set(task, name, equals + 1), pair);
 }
 
 /* Polls often enough that the end of a job is seen within two milliseconds. */

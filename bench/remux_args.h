@@ -2,8 +2,9 @@
  * The command line shared by bare_remux and lib_convert, so that both
  * contenders of a conversion job take exactly the same arguments:
  *
- *   [-s START] [-e END] [-p] [-w FORMAT] INPUT OUTPUT [INPUT OUTPUT ...]
+ *   [-s START] [-e END] [-p] [-w FORMAT] [-o NAME=VALUE]... INPUT OUTPUT [INPUT OUTPUT ...]
  *
+ * (-o: a task option, which only the library contender takes)
  * and the loop that writes a buffer to a file descriptor, used by both when
  * the output goes through a write function.
  */
@@ -20,6 +21,8 @@ struct remux_args {
   double end;                /* -e: seconds of output time; 0 runs to the end */
   int parallel;              /* -p: all pairs at once in this process */
   const char* write_format;  /* -w: output through a write function, this container */
+  const char* options[8];   /* -o: task options, NAME=VALUE */
+  int option_count;
   int pairs;
   char** paths;              /* INPUT OUTPUT pairs */
 };
@@ -33,12 +36,14 @@ static inline int parse_remux_args(int argc, char** argv, struct remux_args* arg
     else if (strcmp(argv[arg], "-s") == 0 && arg + 1 < argc) args->start = atof(argv[++arg]);
     else if (strcmp(argv[arg], "-e") == 0 && arg + 1 < argc) args->end = atof(argv[++arg]);
     else if (strcmp(argv[arg], "-w") == 0 && arg + 1 < argc) args->write_format = argv[++arg];
+    else if (strcmp(argv[arg], "-o") == 0 && arg + 1 < argc && args->option_count < 8)
+      args->options[args->option_count++] = argv[++arg];
     else break;
   }
   args->pairs = (argc - arg) / 2;
   args->paths = argv + arg;
   if (args->pairs < 1 || (argc - arg) % 2 != 0) {
-    fprintf(stderr, "usage: %s [-s START] [-e END] [-p] [-w FORMAT] INPUT OUTPUT [INPUT OUTPUT ...]\n", argv[0]);
+    fprintf(stderr, "usage: %s [-s START] [-e END] [-p] [-w FORMAT] [-o NAME=VALUE]... INPUT OUTPUT [INPUT OUTPUT ...]\n", argv[0]);
     return 0;
   }
   return 1;

@@ -127,6 +127,9 @@ read -r cut_start cut_end < <(awk -v s="$video_start" -v d="$duration" 'BEGIN {
   a = s0 + 40 * int((d / 4 * 1000 - s0) / 40); b = s0 + 40 * int((d * 3 / 4 * 1000 - s0) / 40)
   while (b * 0.001 != b / 1000) b += 40
   printf "%.3f %.3f\n", a / 1000, b / 1000 }')
+# The late cut: from 85 % to 95 % of the large file, with the practical end
+# (exclusive), which needs no exact frame time.
+read -r late_start late_end < <(awk -v d="$duration" 'BEGIN { printf "%.2f %.2f\n", d * 0.85, d * 0.95 }')
 
 # ---------------------------------------------------------------- outputs
 out=${QUORVEL_BENCH_OUT:-}
@@ -203,6 +206,29 @@ add $job ffmpeg "ffmpeg -c copy" -- "${FF[@]}" -i "$F/big.mp4" -map 0 -c copy "$
 job=concat  # three files end to end
 add $job bare "bare loop" -- "$bin/bare_concat" "$o/$job.bare.mkv" "$F/part1.mp4" "$F/part2.mp4" "$F/part3.mp4"
 add $job lib "library" -- "$bin/lib_concat" "$o/$job.lib.mkv" "$F/part1.mp4" "$F/part2.mp4" "$F/part3.mp4"
+add $job ffmpeg "ffmpeg concat demuxer" -- "${FF[@]}" -f concat -safe 0 -i "$F/parts.txt" -map 0 -c copy \
+  "$o/$job.ffmpeg.mkv"
+
+# The practical modes (task option mode=practical) against the same jobs done
+# by ffmpeg and by bare loops that do what the mode does.
+job=late-cut  # a cut near the end: the practical mode seeks to the key frame before the start
+add $job lib "library, mode=practical" -- "$bin/lib_convert" -o mode=practical -s "$late_start" -e "$late_end" \
+  "$F/big.mp4" "$o/$job.lib.mkv"
+add $job ffmpeg "ffmpeg -ss/-to on the input (seeks)" -- "${FF[@]}" -ss "$late_start" -to "$late_end" \
+  -i "$F/big.mp4" -map 0 -c copy "$o/$job.ffmpeg.mkv"
+add $job ref "library, defined behaviour (reads from the start)" -- "$bin/lib_convert" -s "$late_start" \
+  -e "$late_end" "$F/big.mp4" "$o/$job.ref.mkv"
+job=mux-time  # two single-stream files interleaved by time, each to its end
+add $job bare "bare loop, by decode time" -- "$bin/bare_mux" -t "$o/$job.bare.mkv" "$F/video.mp4" "$F/audio.m4a"
+add $job lib "library, mode=practical" -- "$bin/lib_mux" -o mode=practical "$o/$job.lib.mkv" "$F/video.mp4" \
+  "$F/audio.m4a"
+add $job ffmpeg "ffmpeg -map" -- "${FF[@]}" -i "$F/video.mp4" -i "$F/audio.m4a" -map 0 -map 1 -c copy \
+  "$o/$job.ffmpeg.mkv"
+job=concat-continuous  # three files end to end, all streams moved together
+add $job bare "bare loop, continuous" -- "$bin/bare_concat" -c "$o/$job.bare.mkv" "$F/part1.mp4" "$F/part2.mp4" \
+  "$F/part3.mp4"
+add $job lib "library, mode=practical" -- "$bin/lib_concat" -o mode=practical "$o/$job.lib.mkv" "$F/part1.mp4" \
+  "$F/part2.mp4" "$F/part3.mp4"
 add $job ffmpeg "ffmpeg concat demuxer" -- "${FF[@]}" -f concat -safe 0 -i "$F/parts.txt" -map 0 -c copy \
   "$o/$job.ffmpeg.mkv"
 
@@ -366,7 +392,7 @@ table=$results/table.md
   echo "Machine: $(nproc) cores, $cpu, $memory; $(ffmpeg -version | head -n 1 | cut -d' ' -f1-3);" \
     "libavformat $(pkg-config --modversion libavformat)"
   echo "Mode: $mode, median of $runs round(s); load average before $load_before, after $load_after"
-  echo "Cut: $cut_start s to $cut_end s; packet-heavy file: $heavy_packets packets ($heavy_part_packets per part)"
+  echo "Cut: $cut_start s to $cut_end s; late cut: $late_start s to $late_end s; packet-heavy file: $heavy_packets packets ($heavy_part_packets per part)"
   echo
   awk -F'\t' -v judge="$([ "$mode" = full ] && echo 1 || echo 0)" -v heavy="$heavy_packets" -v heavy_part="$heavy_part_packets" '
     function ratio(a, b) { return (a == "-" || b == "-" || b == 0) ? "-" : sprintf("%.2f", a / b) }
