@@ -22,11 +22,11 @@ namespace quorvel {
 struct CutLane {
   double start = 0.0;
   double end = 0.0;
-  bool video = false;         // begins at a key frame (keyframe_start)
-  bool begun = false;         // keyframe_start: its first packet was kept
-  bool closed = false;        // passed its end, or its output takes nothing more
-  bool timed = false;         // dts_as_pts: one of its packets carried a time
-  int64_t count = 0;          // dts_as_pts: its packets so far, for times made up
+  bool video = false;   // begins at a key frame (keyframe_start)
+  bool begun = false;   // keyframe_start: its first packet was kept
+  bool closed = false;  // passed its end, or its output takes nothing more
+  bool timed = false;   // dts_as_pts: one of its packets carried a time
+  int64_t count = 0;    // dts_as_pts: its packets so far, for times made up
 };
 
 class Cut {
