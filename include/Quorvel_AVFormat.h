@@ -900,9 +900,11 @@ QUORVEL_AVFORMAT_API bool AVFormat_Link_StopWithReport(void* task, AVFORMAT_TASK
  *   keyframe_start        convert, unpack, link
  *                                      1: a cut starts at the key frame at or
  *                                      before its start time, found by seeking
+ *                                      (demultiplexing: for the smallest start)
  *   end_exclusive         convert, unpack
- *                                      1: a packet is kept while its time is before
- *                                      the end time; the run ends once every kept
+ *                                      1: a packet is kept while its decode time is
+ *                                      before the end time (every frame shown before
+ *                                      it is kept); the run ends once every kept
  *                                      stream has passed it
  *   zero_start            convert, unpack
  *                                      1: every output timestamp is shifted by the

@@ -1,6 +1,7 @@
 // Conversion: one input remuxed into one output container on a worker thread.
 //
-// Deliberate behaviours, kept as callers rely on them:
+// Deliberate behaviours, kept as callers rely on them (options change them:
+// dense_streams, keyframe_start, end_exclusive, dts_as_pts; see core/cut.h):
 //  - packets are routed to the output stream whose index equals their input
 //    stream's index, while output streams are numbered densely among the kept
 //    streams: when a dropped (data, attachment) stream precedes a kept one, a

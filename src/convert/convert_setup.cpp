@@ -64,6 +64,7 @@ bool CAVFormat_Convert::AVFormat_Convert_Input(void* lpTask, const char* szUrl, 
   if (!task->pnStreamMap) return Fail(ERROR_AVFORMAT_CONVERT_MALLOC);
 
   AVFormatContext* output = task->pOutputContext.get();
+  int made = 0;  // output streams so far
   for (unsigned i = 0; i < input->nb_streams; ++i) {
     const AVCodecParameters* parameters = input->streams[i]->codecpar;
     switch (parameters->codec_type) {
@@ -72,7 +73,8 @@ bool CAVFormat_Convert::AVFormat_Convert_Input(void* lpTask, const char* szUrl, 
       case AVMEDIA_TYPE_SUBTITLE: break;
       default: task->pnStreamMap[i] = -1; continue;
     }
-    task->pnStreamMap[i] = static_cast<int>(i);
+    // By default packets go to the output stream of their own index (see convert.h).
+    task->pnStreamMap[i] = task->stOptions.dense_streams ? made++ : static_cast<int>(i);
     switch (quorvel::NewOutputStream(output, parameters)) {
       case StreamStep::kDone: break;
       case StreamStep::kNewStream: return Fail(ERROR_AVFORMAT_CONVERT_NEWSTREAM);

@@ -3,6 +3,7 @@
 #include "convert/convert.h"
 #include "convert/convert_task.h"
 #include "core/checked.h"
+#include "core/cut.h"
 #include "core/error.h"
 #include "core/remux.h"
 #include "core/report.h"
@@ -57,24 +58,43 @@ int CAVFormat_Convert::AVFormat_Convert_Thread(void* lpTask) {
   auto* task = static_cast<AVPACKET_FILE_CONVERT*>(lpTask);
   AVFormatContext* input = task->pInputContext.get();
   AVFormatContext* output = task->pOutputContext.get();
+  const quorvel::TaskOptions& options = task->stOptions;
   quorvel::Packet owned = quorvel::MakePacket();
   AVPacket* packet = owned.get();
+
+  // One lane per input stream; those without an output stream never hold the run up.
+  quorvel::Cut cut(options);
+  if (!cut.Allocate(task->nStreamCount)) packet = nullptr;
+  for (unsigned i = 0; packet != nullptr && i < task->nStreamCount; ++i) {
+    quorvel::CutLane& lane = cut.Lane(i);
+    lane.start = task->dlStartTime;
+    lane.end = task->dlEndTime;
+    lane.video = input->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
+    if (task->pnStreamMap[i] < 0 || task->pnStreamMap[i] >= static_cast<int>(output->nb_streams)) cut.Close(lane);
+  }
+  if (packet != nullptr) cut.SeekToStart(input, task->mtxInput, task->dlStartTime);
 
   // Read under the input's lock: Seek moves the input from the caller's thread.
   while (packet != nullptr && quorvel::ReadNextPacket(task->bRunning, task->bPause, task->mtxInput, input, packet)) {
     task->stTally.CountRead();
-    // Dropped streams, and kept streams that have no output stream of their own index.
+    // Dropped streams, and kept streams that have no output stream to go to
+    // (without dense_streams, an output stream must have their own index).
     const int index = packet->stream_index;
-    if (index < 0 || index >= static_cast<int>(task->nStreamCount) || task->pnStreamMap[index] < 0 ||
-        index >= static_cast<int>(output->nb_streams)) {
+    const int target = index >= 0 && index < static_cast<int>(task->nStreamCount) ? task->pnStreamMap[index] : -1;
+    if (target < 0 || target >= static_cast<int>(output->nb_streams)) {
       av_packet_unref(packet);
       continue;
     }
     const AVStream* in = input->streams[index];
-    const AVStream* out = output->streams[index];
+    const AVStream* out = output->streams[target];
+    quorvel::CutLane& lane = cut.Lane(static_cast<size_t>(index));
 
-    if (packet->pts == AV_NOPTS_VALUE) quorvel::SynthesizeTimestamps(packet, in, task->nPacketCount);
+    if (options.dts_as_pts)
+      cut.FillTimes(lane, packet, in);
+    else if (packet->pts == AV_NOPTS_VALUE)
+      quorvel::SynthesizeTimestamps(packet, in, task->nPacketCount);
     quorvel::RescaleTimes(packet, in->time_base, out->time_base);
+    packet->stream_index = target;
     packet->pos = -1;
 
     const double seconds = static_cast<double>(packet->pts) * av_q2d(out->time_base);
@@ -83,13 +103,14 @@ int CAVFormat_Convert::AVFormat_Convert_Thread(void* lpTask) {
                        task->lpCallbackContext);
 
     // A refused packet is dropped and the run goes on.
-    if (task->dlStartTime <= 0.0 || seconds >= task->dlStartTime)
+    if (cut.Admit(lane, packet, out->time_base, seconds)) {
+      cut.Shift(packet, out->time_base);
       task->stTally.Write(output, packet, task->llBytesSeen);
+    }
     ++task->nPacketCount;
     av_packet_unref(packet);
 
-    // Exact equality on purpose: an end time that no packet hits runs to the end.
-    if (task->dlEndTime > 0.0 && seconds == task->dlEndTime) break;
+    if (options.end_exclusive ? cut.AllClosed() : task->dlEndTime > 0.0 && seconds == task->dlEndTime) break;
   }
   task->bRunning = false;
   quorvel::FinishOnExit(task->pThread, task->bAbort, Release, task);

@@ -1,7 +1,8 @@
 // Demultiplexing: an input split into one container per stream on a worker
 // thread, or its packets and codec parameters pulled by the caller.
 //
-// Deliberate behaviours, kept as callers rely on them:
+// Deliberate behaviours, kept as callers rely on them (options change them:
+// rescale_times, keyframe_start, end_exclusive, outputs_independent; see core/cut.h):
 //  - output i takes the codec parameters of input stream i (its place in the
 //    array) but receives the packets of the stream its record names: a
 //    caller gets coherent files by naming stream i in record i;

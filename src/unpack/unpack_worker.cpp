@@ -1,6 +1,8 @@
 // Demultiplexing worker and control: Start, the worker's loop, Suspend,
 // GetStatus, Seek and Stop.
+#include "core/cut.h"
 #include "core/error.h"
+#include "core/remux.h"
 #include "core/task.h"
 #include "core/worker.h"
 #include "unpack/unpack.h"
@@ -43,11 +45,26 @@ void Release(void* lpTask) {
   delete task;
 }
 
-// The first output that claims the stream, or null.
-AVPACKET_FILE_INFO* OutputOf(std::list<AVPACKET_FILE_INFO>& outputs, int stream_index) {
-  for (AVPACKET_FILE_INFO& info : outputs)
+// The first output that claims the stream, or null; its place in the list goes to `place`.
+AVPACKET_FILE_INFO* OutputOf(std::list<AVPACKET_FILE_INFO>& outputs, int stream_index, size_t& place) {
+  place = 0;
+  for (AVPACKET_FILE_INFO& info : outputs) {
     if (info.FormatInfo.nStreamIndex == stream_index) return &info;
+    ++place;
+  }
   return nullptr;
+}
+
+// keyframe_start seeks once, for the earliest start; an output with no start
+// wants the input from its beginning, and then nothing is sought.
+double EarliestStart(const std::list<AVPACKET_FILE_INFO>& outputs) {
+  double earliest = 0.0;
+  for (const AVPACKET_FILE_INFO& info : outputs) {
+    const double start = info.FormatInfo.dlStartTime;
+    if (!(start > 0.0)) return 0.0;
+    if (earliest == 0.0 || start < earliest) earliest = start;
+  }
+  return earliest;
 }
 
 }  // namespace
@@ -55,27 +72,52 @@ AVPACKET_FILE_INFO* OutputOf(std::list<AVPACKET_FILE_INFO>& outputs, int stream_
 int CAVFormat_UNPack::AVFormat_UNPack_Thread(void* lpTask) {
   auto* task = static_cast<AVPACKET_FILE_UNPACK*>(lpTask);
   AVFormatContext* input = task->pFormatContext.get();
+  const quorvel::TaskOptions& options = task->stOptions;
   quorvel::Packet owned = quorvel::MakePacket();
   AVPacket* packet = owned.get();
+
+  // One lane per output, in the list's order.
+  quorvel::Cut cut(options);
+  if (!cut.Allocate(task->pInfoList.size())) packet = nullptr;
+  size_t place = 0;
+  for (const AVPACKET_FILE_INFO& info : task->pInfoList) {
+    if (packet == nullptr) break;
+    quorvel::CutLane& lane = cut.Lane(place++);
+    lane.start = info.FormatInfo.dlStartTime;
+    lane.end = info.FormatInfo.dlEndTime;
+    lane.video = info.pFormatContext->streams[0]->codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
+  }
+  if (packet != nullptr) cut.SeekToStart(input, task->mtxInput, EarliestStart(task->pInfoList));
 
   // Read under the input's lock: Seek and GetAVCodec use the input from the caller's thread.
   while (packet != nullptr && quorvel::ReadNextPacket(task->bRunning, task->bPause, task->mtxInput, input, packet)) {
     task->stTally.CountRead();
-    AVPACKET_FILE_INFO* info = OutputOf(task->pInfoList, packet->stream_index);
-    if (info == nullptr) {
+    AVPACKET_FILE_INFO* info = OutputOf(task->pInfoList, packet->stream_index, place);
+    if (info == nullptr || cut.Lane(place).closed) {
       av_packet_unref(packet);
       continue;
     }
+    quorvel::CutLane& lane = cut.Lane(place);
     const AVCODEC_FORMATINFO& format = info->FormatInfo;
     AVFormatContext* output = info->pFormatContext.get();
-    // Written with its input timestamps, counted in the output stream's time base.
+    const AVStream* in = input->streams[packet->stream_index];
+    const AVStream* out = output->streams[0];
+    // By default written with its input timestamps, counted in the output stream's time base.
     packet->stream_index = 0;
-    const double seconds = static_cast<double>(packet->pts) * av_q2d(output->streams[0]->time_base);
+    cut.FillTimes(lane, packet, in);
+    if (options.rescale_times) quorvel::RescaleTimes(packet, in->time_base, out->time_base);
+    const AVRational base = options.rescale_times ? out->time_base : in->time_base;
+    const double seconds = static_cast<double>(packet->pts) * av_q2d(out->time_base);
 
-    if (format.dlStartTime <= 0.0 || seconds >= format.dlStartTime) {
+    if (cut.Admit(lane, packet, base, seconds)) {
+      cut.Shift(packet, base);
       if (task->stTally.Write(output, packet, info->llBytesSeen) < 0) {
-        av_packet_unref(packet);
-        break;
+        // An output that can take nothing more ends alone; one refused packet ends nothing.
+        if (!options.outputs_independent) {
+          av_packet_unref(packet);
+          break;
+        }
+        if (output->pb != nullptr && output->pb->error < 0) cut.Close(lane);
       }
     }
     if (task->fpProgress != nullptr)
@@ -83,8 +125,9 @@ int CAVFormat_UNPack::AVFormat_UNPack_Thread(void* lpTask) {
     ++info->nPacketCount;
     av_packet_unref(packet);
 
-    // Exact equality on purpose, and the end of one output is the end of all.
-    if (format.dlEndTime > 0.0 && seconds == format.dlEndTime) break;
+    // By default an exact time, and the end of one output is the end of all.
+    if (!options.end_exclusive && format.dlEndTime > 0.0 && seconds == format.dlEndTime) break;
+    if ((options.end_exclusive || options.outputs_independent) && cut.AllClosed()) break;
   }
   task->bRunning = false;
   quorvel::FinishOnExit(task->pThread, task->bAbort, Release, task);

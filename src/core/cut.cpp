@@ -1,0 +1,77 @@
+#include "core/cut.h"
+
+#include <cmath>
+#include <new>
+
+#include "core/worker.h"
+
+namespace quorvel {
+namespace {
+
+// A time in seconds; NaN (which compares false with anything) when unset.
+double Seconds(int64_t ticks, AVRational base) noexcept {
+  return ticks == AV_NOPTS_VALUE ? std::nan("") : static_cast<double>(ticks) * av_q2d(base);
+}
+
+}  // namespace
+
+bool Cut::Allocate(size_t count) noexcept {
+  lanes_.reset(new (std::nothrow) CutLane[count == 0 ? 1 : count]);
+  open_ = lanes_ ? count : 0;
+  return static_cast<bool>(lanes_);
+}
+
+void Cut::Close(CutLane& lane) noexcept {
+  if (lane.closed) return;
+  lane.closed = true;
+  --open_;
+}
+
+void Cut::SeekToStart(AVFormatContext* input, std::mutex& input_lock, double start) noexcept {
+  if (!options_.keyframe_start || !(start > 0.0)) return;
+  const double target = start * AV_TIME_BASE;
+  if (!(target < 9.2e18)) return;
+  const auto ticks = static_cast<int64_t>(target);
+  const std::lock_guard<std::mutex> lock(input_lock);
+  // Any position up to the start: the demuxer takes the key frame at or before it.
+  landed_ = avformat_seek_file(input, -1, INT64_MIN, ticks, ticks, 0) >= 0;
+  landing_start_ = start;
+}
+
+void Cut::FillTimes(CutLane& lane, AVPacket* packet, const AVStream* stream) const noexcept {
+  if (!options_.dts_as_pts) return;
+  if (packet->pts == AV_NOPTS_VALUE) packet->pts = packet->dts;
+  if (packet->pts != AV_NOPTS_VALUE)
+    lane.timed = true;
+  else if (!lane.timed)
+    SynthesizeTimestamps(packet, stream, lane.count);
+  ++lane.count;
+}
+
+bool Cut::Admit(CutLane& lane, const AVPacket* packet, AVRational base, double seconds) noexcept {
+  const double pts = Seconds(packet->pts, base);
+  const double decode = packet->dts != AV_NOPTS_VALUE ? Seconds(packet->dts, base) : pts;
+  if (options_.end_exclusive && lane.end > 0.0 && decode >= lane.end) Close(lane);
+  if (lane.closed) return false;
+  if (!options_.keyframe_start) return lane.start <= 0.0 || seconds >= lane.start;
+  if (!lane.begun) {
+    const bool reached = lane.start <= 0.0 || (landed_ && lane.start == landing_start_) || pts >= lane.start;
+    if (!reached || (lane.video && (packet->flags & AV_PKT_FLAG_KEY) == 0)) return false;
+    lane.begun = true;
+  }
+  return true;
+}
+
+void Cut::Shift(AVPacket* packet, AVRational base) noexcept {
+  if (!options_.zero_start) return;
+  if (shift_ == AV_NOPTS_VALUE) {
+    shift_ = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
+    shift_base_ = base;
+    if (shift_ == AV_NOPTS_VALUE) return;
+  }
+  const int64_t ticks = av_rescale_q(shift_, shift_base_, base);
+  if (packet->pts != AV_NOPTS_VALUE) packet->pts -= ticks;
+  if (packet->dts != AV_NOPTS_VALUE) packet->dts -= ticks;
+}
+
+}  // namespace quorvel
