@@ -984,6 +984,41 @@ QUORVEL_AVFORMAT_API bool AVFormat_Link_SetOption(void* task, const char* name, 
 #define ERROR_AVFORMAT_LINK_POLICY 0x80D2014
 
 
+/* ---- Error texts and the library's version --------------------------------- */
+
+/**
+ * The name of an error code as the header spells it ("ERROR_AVFORMAT_CONVERT_OPEN"
+ * for 0x80D0011), for every ERROR_AVFORMAT_* code; NULL for a code that the
+ * library never reports. The string is static: never free it.
+ * Neither reads nor changes the error state.
+ */
+QUORVEL_AVFORMAT_API const char* AVFormat_GetErrorName(uint64_t code);
+
+/**
+ * One sentence in English saying what failed and its usual cause, for every
+ * ERROR_AVFORMAT_* code; for a code that the library never reports, a fixed
+ * sentence saying so. Never NULL; the string is static: never free it.
+ * Neither reads nor changes the error state.
+ */
+QUORVEL_AVFORMAT_API const char* AVFormat_GetErrorText(uint64_t code);
+
+/** The version of this header: major, minor, patch, and the three as one number. */
+#define QUORVEL_AVFORMAT_VERSION_MAJOR 0
+#define QUORVEL_AVFORMAT_VERSION_MINOR 1
+#define QUORVEL_AVFORMAT_VERSION_PATCH 0
+#define QUORVEL_AVFORMAT_VERSION                                                      \
+  ((QUORVEL_AVFORMAT_VERSION_MAJOR << 16) | (QUORVEL_AVFORMAT_VERSION_MINOR << 8) | \
+   QUORVEL_AVFORMAT_VERSION_PATCH)
+
+/**
+ * The version of the library that is loaded, as QUORVEL_AVFORMAT_VERSION
+ * encodes it (major << 16 | minor << 8 | patch). A caller built with an
+ * older header can check that the library is at least as new as that header.
+ * Neither reads nor changes the error state.
+ */
+QUORVEL_AVFORMAT_API unsigned AVFormat_GetVersion(void);
+
+
 /* ---- End of the additions -------------------------------------------------- */
 
 #ifdef __cplusplus
