@@ -937,7 +937,9 @@ QUORVEL_AVFORMAT_API bool AVFormat_Link_StopWithReport(void* task, AVFORMAT_TASK
  *                                      ends alone
  *   keep_codec_tag        all          1: an output stream keeps the input's codec
  *                                      tag where the output container accepts it
- *                                      (cleared otherwise); set before Input
+ *                                      (no tag tables, or tables that map the tag
+ *                                      to the codec or have none for the codec),
+ *                                      cleared otherwise; set before Input
  *
  * Booleans take 1/0, true/false, yes/no, on/off. docs/options.md has examples.
  * Errors: the family's parameter code for a null task, name or value; the

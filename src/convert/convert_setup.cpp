@@ -73,7 +73,7 @@ bool CAVFormat_Convert::AVFormat_Convert_Input(void* lpTask, const char* szUrl, 
       default: task->pnStreamMap[i] = -1; continue;
     }
     task->pnStreamMap[i] = static_cast<int>(i);
-    switch (quorvel::NewOutputStream(output, parameters)) {
+    switch (quorvel::NewOutputStream(output, parameters, task->stOptions.keep_codec_tag)) {
       case StreamStep::kDone: break;
       case StreamStep::kNewStream: return Fail(ERROR_AVFORMAT_CONVERT_NEWSTREAM);
       case StreamStep::kCopyParameters: return Fail(ERROR_AVFORMAT_CONVERT_CODECPAR);
