@@ -939,7 +939,9 @@ QUORVEL_AVFORMAT_API bool AVFormat_Link_StopWithReport(void* task, AVFORMAT_TASK
  *                                      ends alone
  *   keep_codec_tag        all          1: an output stream keeps the input's codec
  *                                      tag where the output container accepts it
- *                                      (cleared otherwise); set before Input
+ *                                      (no tag tables, or tables that map the tag
+ *                                      to the codec or have none for the codec),
+ *                                      cleared otherwise; set before Input
  *
  * Booleans take 1/0, true/false, yes/no, on/off. docs/options.md has examples.
  * Errors: the family's parameter code for a null task, name or value; the
@@ -984,6 +986,41 @@ QUORVEL_AVFORMAT_API bool AVFormat_Link_SetOption(void* task, const char* name, 
 #define ERROR_AVFORMAT_LINK_OPTION_UNUSED 0x80D2013
 /** Concatenation Input: the strict policy refuses the input. */
 #define ERROR_AVFORMAT_LINK_POLICY 0x80D2014
+
+
+/* ---- Error texts and the library's version --------------------------------- */
+
+/**
+ * The name of an error code as the header spells it ("ERROR_AVFORMAT_CONVERT_OPEN"
+ * for 0x80D0011), for every ERROR_AVFORMAT_* code; NULL for a code that the
+ * library never reports. The string is static: never free it.
+ * Neither reads nor changes the error state.
+ */
+QUORVEL_AVFORMAT_API const char* AVFormat_GetErrorName(uint64_t code);
+
+/**
+ * One sentence in English saying what failed and its usual cause, for every
+ * ERROR_AVFORMAT_* code; for a code that the library never reports, a fixed
+ * sentence saying so. Never NULL; the string is static: never free it.
+ * Neither reads nor changes the error state.
+ */
+QUORVEL_AVFORMAT_API const char* AVFormat_GetErrorText(uint64_t code);
+
+/** The version of this header: major, minor, patch, and the three as one number. */
+#define QUORVEL_AVFORMAT_VERSION_MAJOR 0
+#define QUORVEL_AVFORMAT_VERSION_MINOR 1
+#define QUORVEL_AVFORMAT_VERSION_PATCH 0
+#define QUORVEL_AVFORMAT_VERSION                                                      \
+  ((QUORVEL_AVFORMAT_VERSION_MAJOR << 16) | (QUORVEL_AVFORMAT_VERSION_MINOR << 8) | \
+   QUORVEL_AVFORMAT_VERSION_PATCH)
+
+/**
+ * The version of the library that is loaded, as QUORVEL_AVFORMAT_VERSION
+ * encodes it (major << 16 | minor << 8 | patch). A caller built with an
+ * older header can check that the library is at least as new as that header.
+ * Neither reads nor changes the error state.
+ */
+QUORVEL_AVFORMAT_API unsigned AVFormat_GetVersion(void);
 
 
 /* ---- End of the additions -------------------------------------------------- */

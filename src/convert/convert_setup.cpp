@@ -75,7 +75,7 @@ bool CAVFormat_Convert::AVFormat_Convert_Input(void* lpTask, const char* szUrl, 
     }
     // By default packets go to the output stream of their own index (see convert.h).
     task->pnStreamMap[i] = task->stOptions.dense_streams ? made++ : static_cast<int>(i);
-    switch (quorvel::NewOutputStream(output, parameters)) {
+    switch (quorvel::NewOutputStream(output, parameters, task->stOptions.keep_codec_tag)) {
       case StreamStep::kDone: break;
       case StreamStep::kNewStream: return Fail(ERROR_AVFORMAT_CONVERT_NEWSTREAM);
       case StreamStep::kCopyParameters: return Fail(ERROR_AVFORMAT_CONVERT_CODECPAR);

@@ -2,12 +2,24 @@
 
 namespace quorvel {
 
-StreamStep NewOutputStream(AVFormatContext* output, const AVCodecParameters* parameters, AVStream** made) noexcept {
+namespace {
+
+bool TagAccepted(const AVOutputFormat* format, AVCodecID codec, unsigned tag) noexcept {
+  if (tag == 0 || format->codec_tag == nullptr) return true;
+  unsigned own = 0;
+  return av_codec_get_id(format->codec_tag, tag) == codec || av_codec_get_tag2(format->codec_tag, codec, &own) == 0;
+}
+
+}  // namespace
+
+StreamStep NewOutputStream(AVFormatContext* output, const AVCodecParameters* parameters, bool keep_tag,
+                           AVStream** made) noexcept {
   AVStream* stream = avformat_new_stream(output, nullptr);
   if (stream == nullptr) return StreamStep::kNewStream;
   if (made != nullptr) *made = stream;
   if (avcodec_parameters_copy(stream->codecpar, parameters) < 0) return StreamStep::kCopyParameters;
-  stream->codecpar->codec_tag = 0;
+  if (!keep_tag || !TagAccepted(output->oformat, parameters->codec_id, parameters->codec_tag))
+    stream->codecpar->codec_tag = 0;
   return StreamStep::kDone;
 }
 

@@ -16,9 +16,13 @@ enum class StreamStep {
 };
 
 // Adds a stream to `output` described by a deep copy of `parameters`, with
-// the codec tag cleared so that the output container chooses its own. The
+// the codec tag cleared so that the output container chooses its own. With
+// `keep_tag` (the task option keep_codec_tag) the tag stays where the
+// container takes it: it has no tag tables, its tables map the tag to this
+// codec, or they have no tag of their own for the codec, which the muxer could
+// then write with none at all. This is what ffmpeg's stream copy keeps. The
 // stream goes to `made`, when given.
-StreamStep NewOutputStream(AVFormatContext* output, const AVCodecParameters* parameters,
+StreamStep NewOutputStream(AVFormatContext* output, const AVCodecParameters* parameters, bool keep_tag,
                            AVStream** made = nullptr) noexcept;
 
 // Rescales a packet's pts and dts to the nearest tick of `to`, passing the

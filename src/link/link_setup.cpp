@@ -22,11 +22,12 @@ constexpr quorvel::OptionCodes kOptionCodes{ERROR_AVFORMAT_LINK_PARAMETER, ERROR
                                             ERROR_AVFORMAT_LINK_OPTION_VALUE, ERROR_AVFORMAT_LINK_OPTION_LATE};
 
 // Describes the output's stream of one kind from `parameters`, unless an
-// earlier input already did.
-bool DescribeOutputStream(AVFormatContext* output, int& output_index, const AVCodecParameters* parameters) {
+// earlier input already did; `keep_tag` as for NewOutputStream.
+bool DescribeOutputStream(AVFormatContext* output, int& output_index, const AVCodecParameters* parameters,
+                          bool keep_tag) {
   if (output_index != -1) return true;
   AVStream* stream = nullptr;
-  switch (quorvel::NewOutputStream(output, parameters, &stream)) {
+  switch (quorvel::NewOutputStream(output, parameters, keep_tag, &stream)) {
     case quorvel::StreamStep::kDone: break;
     // Making the stream and copying its description are one step, with one code.
     case quorvel::StreamStep::kNewStream:
@@ -89,14 +90,15 @@ bool CAVFormat_Link::AVFormat_Link_Input(void* lpTask, const char* szFile, doubl
   element.nVideoIndex = -1;
   element.nAudioIndex = -1;
   AVFormatContext* output = task->pOutputContext.get();
+  const bool keep_tag = task->stOptions.keep_codec_tag;
   for (unsigned i = 0; i < input->nb_streams; ++i) {
     const AVCodecParameters* parameters = input->streams[i]->codecpar;
     if (parameters->codec_type == AVMEDIA_TYPE_VIDEO && element.nVideoIndex == -1) {
       element.nVideoIndex = nVideoIndex;
-      if (!DescribeOutputStream(output, task->nVideoStream, parameters)) return false;
+      if (!DescribeOutputStream(output, task->nVideoStream, parameters, keep_tag)) return false;
     } else if (parameters->codec_type == AVMEDIA_TYPE_AUDIO && element.nAudioIndex == -1) {
       element.nAudioIndex = nAudioIndex;
-      if (!DescribeOutputStream(output, task->nAudioStream, parameters)) return false;
+      if (!DescribeOutputStream(output, task->nAudioStream, parameters, keep_tag)) return false;
     }
   }
   element.dlStartTime = dlStartTime;

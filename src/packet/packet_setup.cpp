@@ -86,7 +86,8 @@ bool CAVFormat_Packet::AVFormat_Packet_Input(void* lpTask, const char* szUrl, AV
     if (!IsCarried(parameters)) continue;
 
     AVStream* stream = nullptr;
-    if (quorvel::NewOutputStream(output, parameters, &stream) != quorvel::StreamStep::kDone)
+    if (quorvel::NewOutputStream(output, parameters, task->stOptions.keep_codec_tag, &stream) !=
+        quorvel::StreamStep::kDone)
       return Fail(ERROR_AVFORMAT_PACKET_CODECPAR);  // streams already made stay in the output
     // Recorded from the stream mapped before this one (stream 0 at first), as
     // the record has always done; nothing reads these fields.

@@ -51,7 +51,8 @@ bool CAVFormat_Packet::AVFormat_Packet_StreamCreate(void* lpTask, void* lpCodecP
   const auto* parameters = static_cast<const AVCodecParameters*>(lpCodecParameters);
   AVStream* stream = nullptr;
   // A deep copy: the caller keeps its parameters. A failed copy leaves the stream in the output.
-  if (quorvel::NewOutputStream(task->pOutputContext.get(), parameters, &stream) != quorvel::StreamStep::kDone)
+  if (quorvel::NewOutputStream(task->pOutputContext.get(), parameters, task->stOptions.keep_codec_tag, &stream) !=
+      quorvel::StreamStep::kDone)
     return Fail(ERROR_AVFORMAT_PACKET_CODECPAR);
   if (parameters->codec_type == AVMEDIA_TYPE_VIDEO)
     task->nVideoStream = stream->index;  // with several video streams the last one wins

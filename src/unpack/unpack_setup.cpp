@@ -35,7 +35,7 @@ bool MakeOutput(AVPACKET_FILE_INFO& info, const AVCODEC_FORMATINFO& record, cons
                                                 format.pWriteFunc, format.pWriteContext);
   if (!quorvel::FailOpen(opened, kOpenCodes)) return false;
   AVFormatContext* output = info.pFormatContext.get();
-  switch (quorvel::NewOutputStream(output, source->codecpar)) {
+  switch (quorvel::NewOutputStream(output, source->codecpar, options.keep_codec_tag)) {
     case StreamStep::kDone: break;
     // Making the stream and copying its description are one step, with one code.
     case StreamStep::kNewStream:

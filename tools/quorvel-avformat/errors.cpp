@@ -31,80 +31,53 @@ constexpr const char* kStreamInfo =
     "Check that the input is a complete, undamaged media file; input read from a pipe must start at the "
     "beginning of its container.";
 
-struct Entry {
+// What to check, for each code that the user can do something about; the name
+// and what went wrong come from the library, and any other code is the tool's bug.
+struct Hint {
   uint64_t code;
-  ErrorText text;
+  const char* check;
 };
 
-const Entry kEntries[] = {
-    {ERROR_AVFORMAT_CONVERT_MALLOC, {"ERROR_AVFORMAT_CONVERT_MALLOC", "The library ran out of memory.", kMemory}},
-    {ERROR_AVFORMAT_CONVERT_PARAMETER,
-     {"ERROR_AVFORMAT_CONVERT_PARAMETER", "A conversion call was refused as out of order.", kOurBug}},
-    {ERROR_AVFORMAT_CONVERT_OPEN,
-     {"ERROR_AVFORMAT_CONVERT_OPEN", "An input could not be opened, or the output file could not be created.", kOpen}},
-    {ERROR_AVFORMAT_CONVERT_STREAMINFO,
-     {"ERROR_AVFORMAT_CONVERT_STREAMINFO", "The input was opened, but its streams could not be analysed.",
-      kStreamInfo}},
-    {ERROR_AVFORMAT_CONVERT_OUTPUTFORMAT,
-     {"ERROR_AVFORMAT_CONVERT_OUTPUTFORMAT", "No output container goes by that name.", kFormat}},
-    {ERROR_AVFORMAT_CONVERT_NEWSTREAM,
-     {"ERROR_AVFORMAT_CONVERT_NEWSTREAM", "An output stream could not be created.", kMemory}},
-    {ERROR_AVFORMAT_CONVERT_CODECPAR,
-     {"ERROR_AVFORMAT_CONVERT_CODECPAR", "A stream's codec parameters could not be copied to the output.", kMemory}},
-    {ERROR_AVFORMAT_CONVERT_WRITEHEADER,
-     {"ERROR_AVFORMAT_CONVERT_WRITEHEADER", "The output container refused its header.", kHeader}},
-    {ERROR_AVFORMAT_CONVERT_THREAD,
-     {"ERROR_AVFORMAT_CONVERT_THREAD", "The worker thread could not be started.", kThreads}},
-    {ERROR_AVFORMAT_CONVERT_STATUS, {"ERROR_AVFORMAT_CONVERT_STATUS", "A status query was refused.", kOurBug}},
+const Hint kHints[] = {
+    {ERROR_AVFORMAT_CONVERT_MALLOC, kMemory},
+    {ERROR_AVFORMAT_CONVERT_OPEN, kOpen},
+    {ERROR_AVFORMAT_CONVERT_STREAMINFO, kStreamInfo},
+    {ERROR_AVFORMAT_CONVERT_OUTPUTFORMAT, kFormat},
+    {ERROR_AVFORMAT_CONVERT_NEWSTREAM, kMemory},
+    {ERROR_AVFORMAT_CONVERT_CODECPAR, kMemory},
+    {ERROR_AVFORMAT_CONVERT_WRITEHEADER, kHeader},
+    {ERROR_AVFORMAT_CONVERT_THREAD, kThreads},
     {ERROR_AVFORMAT_CONVERT_SEEK,
-     {"ERROR_AVFORMAT_CONVERT_SEEK", "The input could not move to that position.",
-      "Check that the position lies within the input and that the input can seek (a pipe can't)."}},
-    {ERROR_AVFORMAT_PACKET_MALLOC, {"ERROR_AVFORMAT_PACKET_MALLOC", "The library ran out of memory.", kMemory}},
+     "Check that the position lies within the input and that the input can seek (a "
+     "pipe can't)."},
+    {ERROR_AVFORMAT_PACKET_MALLOC, kMemory},
     {ERROR_AVFORMAT_PACKET_PARAMETER,
-     {"ERROR_AVFORMAT_PACKET_PARAMETER",
-      "A call was refused: when opening an input, its streams could not be analysed; otherwise an argument was "
-      "missing, a stream number out of range or a call out of order.",
-      "Check that the input is a complete media file and that the stream numbers you gave exist "
-      "(`quorvel-avformat streams IN` lists them)."}},
-    {ERROR_AVFORMAT_PACKET_READ,
-     {"ERROR_AVFORMAT_PACKET_READ", "No further packet could be read: the input ended or could not be read.",
-      "Check that the input is complete and readable."}},
-    {ERROR_AVFORMAT_PACKET_OPEN,
-     {"ERROR_AVFORMAT_PACKET_OPEN", "An input could not be opened, or an output file could not be created.", kOpen}},
-    {ERROR_AVFORMAT_PACKET_OUTPUTFORMAT,
-     {"ERROR_AVFORMAT_PACKET_OUTPUTFORMAT", "No output container goes by that name.", kFormat}},
-    {ERROR_AVFORMAT_PACKET_CODECPAR,
-     {"ERROR_AVFORMAT_PACKET_CODECPAR", "A stream's codec parameters could not be copied to the output.", kMemory}},
-    {ERROR_AVFORMAT_PACKET_WRITEHEADER,
-     {"ERROR_AVFORMAT_PACKET_WRITEHEADER", "An output container refused its header.", kHeader}},
-    {ERROR_AVFORMAT_PACKET_THREAD,
-     {"ERROR_AVFORMAT_PACKET_THREAD",
-      "The worker thread could not be started, or a call was refused because the worker runs.", kThreads}},
-    {ERROR_AVFORMAT_PACKET_STATUS, {"ERROR_AVFORMAT_PACKET_STATUS", "A status query was refused.", kOurBug}},
+     "Check that the input is a complete media file and that the stream numbers "
+     "you gave exist (`quorvel-avformat streams IN` lists them)."},
+    {ERROR_AVFORMAT_PACKET_READ, "Check that the input is complete and readable."},
+    {ERROR_AVFORMAT_PACKET_OPEN, kOpen},
+    {ERROR_AVFORMAT_PACKET_OUTPUTFORMAT, kFormat},
+    {ERROR_AVFORMAT_PACKET_CODECPAR, kMemory},
+    {ERROR_AVFORMAT_PACKET_WRITEHEADER, kHeader},
+    {ERROR_AVFORMAT_PACKET_THREAD, kThreads},
     {ERROR_AVFORMAT_PACKET_SEEK,
-     {"ERROR_AVFORMAT_PACKET_SEEK", "The input could not seek, or it has no stream of that number.",
-      "Check the stream number (`quorvel-avformat streams IN` lists them) and that the input can seek."}},
+     "Check the stream number (`quorvel-avformat streams IN` lists them) and that the "
+     "input can seek."},
     {ERROR_AVFORMAT_PACKET_WRITEFRAME,
-     {"ERROR_AVFORMAT_PACKET_WRITEFRAME", "The output container refused a packet.",
-      "Check that the packets' times increase within each stream and that the container accepts the codec."}},
+     "Check that the packets' times increase within each stream and that the "
+     "container accepts the codec."},
     {ERROR_AVFORMAT_PACKET_BUFFERSIZE,
-     {"ERROR_AVFORMAT_PACKET_BUFFERSIZE", "A packet was larger than the buffer given to read it; it was kept.",
-      "Read again with a buffer of at least the size reported; this tool grows its buffer by itself."}},
-    {ERROR_AVFORMAT_LINK_MALLOC, {"ERROR_AVFORMAT_LINK_MALLOC", "The library ran out of memory.", kMemory}},
-    {ERROR_AVFORMAT_LINK_PARAMETER,
-     {"ERROR_AVFORMAT_LINK_PARAMETER", "A concatenation call was refused as out of order.", kOurBug}},
-    {ERROR_AVFORMAT_LINK_OPEN,
-     {"ERROR_AVFORMAT_LINK_OPEN", "An input could not be opened, or the output file could not be created.", kOpen}},
-    {ERROR_AVFORMAT_LINK_STREAMINFO,
-     {"ERROR_AVFORMAT_LINK_STREAMINFO", "An input was opened, but its streams could not be analysed.", kStreamInfo}},
-    {ERROR_AVFORMAT_LINK_OUTPUTFORMAT,
-     {"ERROR_AVFORMAT_LINK_OUTPUTFORMAT", "No output container matches the output file's name.", kFormat}},
-    {ERROR_AVFORMAT_LINK_CODECPAR,
-     {"ERROR_AVFORMAT_LINK_CODECPAR", "A stream's codec parameters could not be copied to the output.", kMemory}},
+     "Read again with a buffer of at least the size reported; this tool grows its "
+     "buffer by itself."},
+    {ERROR_AVFORMAT_LINK_MALLOC, kMemory},
+    {ERROR_AVFORMAT_LINK_OPEN, kOpen},
+    {ERROR_AVFORMAT_LINK_STREAMINFO, kStreamInfo},
+    {ERROR_AVFORMAT_LINK_OUTPUTFORMAT, kFormat},
+    {ERROR_AVFORMAT_LINK_CODECPAR, kMemory},
     {ERROR_AVFORMAT_LINK_WRITEHEADER,
-     {"ERROR_AVFORMAT_LINK_WRITEHEADER", "The output container refused its header.",
-      "Check that the output container can hold the codecs of the first input that has each kind of stream."}},
-    {ERROR_AVFORMAT_LINK_THREAD, {"ERROR_AVFORMAT_LINK_THREAD", "The worker thread could not be started.", kThreads}},
+     "Check that the output container can hold the codecs of the first input that "
+     "has each kind of stream."},
+    {ERROR_AVFORMAT_LINK_THREAD, kThreads},
 };
 
 std::string Folder(const std::string& path) {
@@ -127,11 +100,13 @@ std::string SystemReason(const std::string& path, Role role) {
 }
 
 ErrorText DescribeError(uint64_t code) {
-  for (const Entry& entry : kEntries) {
-    if (entry.code == code) return entry.text;
-  }
-  return {nullptr, "The library reported an error code this tool does not know.",
-          "Check that the tool and the library come from the same version."};
+  const char* name = AVFormat_GetErrorName(code);
+  if (name == nullptr)
+    return {nullptr, AVFormat_GetErrorText(code), "Check that the tool and the library come from the same version."};
+  const char* check = kOurBug;
+  for (const Hint& hint : kHints)
+    if (hint.code == code) check = hint.check;
+  return {name, AVFormat_GetErrorText(code), check};
 }
 
 void Throw(uint64_t code, const std::string& doing, const std::string& path, Role role) {

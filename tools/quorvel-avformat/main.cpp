@@ -9,18 +9,20 @@ extern "C" {
 #include <libavutil/log.h>
 }
 
+#include "Quorvel_AVFormat.h"
 #include "commands.h"
 #include "errors.h"
 #include "terminal.h"
 
-#ifndef QUORVEL_VERSION
-#define QUORVEL_VERSION "unknown"
-#endif
-
 int main(int argc, char** argv) {
   using namespace qtool;
   CLI::App app{"Remux, split, multiplex and join media files without re-encoding them.", "quorvel-avformat"};
-  app.set_version_flag("--version", "quorvel-avformat " QUORVEL_VERSION);
+  // The tool's version is that of the header it was built with; the library's, that of the one loaded.
+  const unsigned library = AVFormat_GetVersion();
+  app.set_version_flag("--version",
+                       fmt::format("quorvel-avformat {}.{}.{} (library {}.{}.{})", QUORVEL_AVFORMAT_VERSION_MAJOR,
+                                   QUORVEL_AVFORMAT_VERSION_MINOR, QUORVEL_AVFORMAT_VERSION_PATCH, library >> 16U,
+                                   (library >> 8U) & 0xFFU, library & 0xFFU));
   app.require_subcommand(1);
   app.fallthrough();
   app.footer(
