@@ -61,9 +61,11 @@
  * (a segment "../other/private.ts"), but no network. From an http or https
  * URL it is http, https, tls, tcp, udp, rtp, crypto, httpproxy and data: any
  * host the content names, but no local file. Name only inputs whose content
- * may reach those places; an opt-in strict policy is planned. Inputs read
- * through a caller read function get FFmpeg's rule for pipes instead: nested
- * opens are limited to crypto and data, so no file and no network address.
+ * may reach those places, or set the task option policy=strict (see
+ * AVFormat_Convert_SetOption), which allows local files only and no
+ * demuxer that opens anything further. Inputs read through a caller read
+ * function get FFmpeg's rule for pipes instead: nested opens are limited to
+ * crypto and data, so no file and no network address.
  *
  * Valid C (C99 and later) and C++.
  */
