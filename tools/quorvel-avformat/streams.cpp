@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // streams IN [--json]: each stream's codec parameters and time base.
 #include <fmt/core.h>
 
@@ -65,8 +66,8 @@ std::string Line(const nlohmann::ordered_json& s) {
   return line + ", time base " + s["time_base"].get<std::string>();
 }
 
-int RunStreams(const StreamsOptions& options) {
-  PullReader reader(options.input);
+int RunStreams(const StreamsOptions& options, const CommonOptions& common) {
+  PullReader reader(options.input, common);
   nlohmann::ordered_json streams = nlohmann::ordered_json::array();
   AVCODEC_TIMEBASE time_base{};
   for (int index = 0;; ++index) {
@@ -76,7 +77,7 @@ int RunStreams(const StreamsOptions& options) {
     streams.push_back(Describe(index, *parameters, time_base));
   }
   if (options.json) {
-    fmt::print("{}\n", nlohmann::ordered_json{{"streams", streams}}.dump(2));
+    fmt::print("{}\n", nlohmann::ordered_json{{"schema", kJsonSchema}, {"streams", streams}}.dump(2));
   } else {
     for (const auto& stream : streams) fmt::print("{}\n", Line(stream));
   }
@@ -85,12 +86,13 @@ int RunStreams(const StreamsOptions& options) {
 
 }  // namespace
 
-void AddStreams(CLI::App& app, const CommonOptions&, Action& action) {
+void AddStreams(CLI::App& app, const CommonOptions& common, Action& action) {
   auto options = std::make_shared<StreamsOptions>();
   CLI::App* command = app.add_subcommand("streams", "Show each stream's codec parameters and time base");
   command->add_option("IN", options->input, "Input file, or - for standard input")->required();
   command->add_flag("--json", options->json, "A JSON document instead of one line per stream");
-  command->callback([options, &action] { action = [options] { return RunStreams(*options); }; });
+  command->callback(
+      [options, &common, &action] { action = [options, &common] { return RunStreams(*options, common); }; });
 }
 
 }  // namespace qtool
