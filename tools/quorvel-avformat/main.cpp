@@ -42,7 +42,7 @@ void AddHelp(CLI::App& app, qtool::Action& action) {
   command->callback([&app, topic, &action] {
     action = [&app, topic] {
       if (topic->empty()) {
-        fmt::print("{}", app.help());
+        fmt::print("{}", app.get_formatter()->make_help(&app, app.get_name(), CLI::AppFormatMode::Normal));
         return 0;
       }
       for (CLI::App* sub : app.get_subcommands([](CLI::App*) { return true; })) {

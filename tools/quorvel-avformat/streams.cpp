@@ -38,8 +38,11 @@ nlohmann::ordered_json Describe(int index, const AVCodecParameters& p, AVCODEC_T
     stream["width"] = p.width;
     stream["height"] = p.height;
     stream["pixel_format"] = OrDash(av_get_pix_fmt_name(static_cast<AVPixelFormat>(p.format)));
+    // Every FFmpeg version gives the same fields: null where the codec parameters carry no frame rate.
+    stream["frame_rate"] = nullptr;
 #if QUORVEL_HAS_CODECPAR_FRAMERATE
-    if (p.framerate.den != 0) stream["frame_rate"] = fmt::format("{}/{}", p.framerate.num, p.framerate.den);
+    if (p.framerate.den != 0 && p.framerate.num != 0)
+      stream["frame_rate"] = fmt::format("{}/{}", p.framerate.num, p.framerate.den);
 #endif
   } else if (p.codec_type == AVMEDIA_TYPE_AUDIO) {
     char layout[128] = "";
@@ -58,7 +61,7 @@ std::string Line(const nlohmann::ordered_json& s) {
   if (s.contains("width"))
     line +=
         fmt::format(", {}x{}, {}", s["width"].get<int>(), s["height"].get<int>(), s["pixel_format"].get<std::string>());
-  if (s.contains("frame_rate")) line += ", " + s["frame_rate"].get<std::string>() + " fps";
+  if (s.contains("frame_rate") && !s["frame_rate"].is_null()) line += ", " + s["frame_rate"].get<std::string>() + " fps";
   if (s.contains("sample_rate"))
     line += fmt::format(", {} Hz, {}, {}", s["sample_rate"].get<int>(), s["channel_layout"].get<std::string>(),
                         s["sample_format"].get<std::string>());
