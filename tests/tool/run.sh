@@ -11,7 +11,8 @@ docs=$here/../../docs/tool.md
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cd "$work" || exit 1
-export PATH="$(dirname "$tool"):$PATH"
+PATH="$(dirname "$tool"):$PATH"
+export PATH
 T=$tool
 
 # Clips: video and audio (the audio tagged English), the same as Matroska,
