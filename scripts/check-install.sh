@@ -64,10 +64,11 @@ debs=()
 for package in $packages; do
   deb=$(ls "$build/${package}_"*.deb)
   dpkg-deb -f "$deb" Package Version Depends | sed 's/^/  /'
-  dpkg-deb -c "$deb" | grep -q "usr/share/doc/$package/copyright" || { echo "$deb has no copyright file"; exit 1; }
+  dpkg-deb -c "$deb" >"$work/$package.contents"
+  grep -q "usr/share/doc/$package/copyright" "$work/$package.contents" || { echo "$deb has no copyright file"; exit 1; }
   debs+=("$(realpath "$deb")")
 done
-dpkg-deb -c "${debs[0]}" | grep -q "usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)/libQuorvel_AVFormat.so." ||
+grep -q "usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)/libQuorvel_AVFormat.so." "$work/libquorvel-avformat0.contents" ||
   { echo "the library is not in the multiarch folder"; exit 1; }
 package_installed=1
 DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${debs[@]}" \
@@ -80,7 +81,8 @@ man -w quorvel-avformat
 man quorvel-avformat 2>/dev/null | grep -q -- "--overwrite" || { echo "the man page lacks the options"; exit 1; }
 # shellcheck disable=SC1091
 completions=$(bash -c 'source /usr/share/bash-completion/bash_completion; source /usr/share/bash-completion/completions/quorvel-avformat
-  COMP_WORDS=(quorvel-avformat ex); COMP_CWORD=1; _quorvel_avformat; echo "${COMPREPLY[*]}"')
+  COMP_LINE="quorvel-avformat ex"; COMP_POINT=${#COMP_LINE}; COMP_WORDS=(quorvel-avformat ex); COMP_CWORD=1
+  _quorvel_avformat; echo "${COMPREPLY[*]}"')
 [ "$completions" = "extract" ] || { echo "completion gave \"$completions\""; exit 1; }
 echo "  pkg-config: $(pkg-config --modversion quorvel-avformat) $(pkg-config --print-requires-private quorvel-avformat | tr '\n' ' ')"
 # shellcheck disable=SC2046
