@@ -1,19 +1,23 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Installs the library the ways a user would and uses the installed copy only:
 # a program outside the build made with pkg-config and with find_package, the
-# installed tool, and the Debian package installed with apt-get, run and
-# removed again.
+# installed tool, and the three Debian packages (runtime library, development
+# files, tool) installed with apt-get: the tool, its man page and completion,
+# and both consumers built against /usr, then removed again.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/setup-debian.sh
+scripts/setup-debian.sh help2man man-db bash-completion
 sudo=""
 [ "$(id -u)" -eq 0 ] || sudo="sudo"
 build=${BUILD_DIR:-build-install}
 work=$(mktemp -d)
 package_installed=0
+packages="libquorvel-avformat0 libquorvel-avformat-dev quorvel-avformat"
 cleanup() {
-  [ "$package_installed" -eq 0 ] || $sudo apt-get purge -y -qq quorvel-avformat >/dev/null || true
+  # shellcheck disable=SC2086
+  [ "$package_installed" -eq 0 ] || $sudo apt-get purge -y -qq $packages >/dev/null || true
   rm -rf "$work"
 }
 trap cleanup EXIT
@@ -53,20 +57,44 @@ step "The tool from the scratch prefix"
 "$prefix/bin/quorvel-avformat" --quiet convert "$clip" "$work/c.mkv"
 probe "$work/c.mkv"
 
-step "The Debian package"
-rm -f "$build"/quorvel-avformat_*.deb
+step "The Debian packages"
+rm -f "$build"/*.deb
 (cd "$build" && cpack -G DEB >"$work/cpack.log" 2>&1) || { cat "$work/cpack.log"; exit 1; }
-deb=$(ls "$build"/quorvel-avformat_*.deb)
-dpkg-deb -f "$deb" Package Version Depends | sed 's/^/  /'
+debs=()
+for package in $packages; do
+  deb=$(ls "$build/${package}_"*.deb)
+  dpkg-deb -f "$deb" Package Version Depends | sed 's/^/  /'
+  dpkg-deb -c "$deb" >"$work/$package.contents"
+  grep -q "usr/share/doc/$package/copyright" "$work/$package.contents" || { echo "$deb has no copyright file"; exit 1; }
+  debs+=("$(realpath "$deb")")
+done
+grep -q "usr/lib/$(dpkg-architecture -qDEB_HOST_MULTIARCH)/libQuorvel_AVFormat.so." "$work/libquorvel-avformat0.contents" ||
+  { echo "the library is not in the multiarch folder"; exit 1; }
 package_installed=1
-DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "$(realpath "$deb")" \
+DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${debs[@]}" \
   >"$work/apt.log" 2>&1 || { cat "$work/apt.log"; exit 1; }
 quorvel-avformat --version
-quorvel-avformat streams "$clip"
+quorvel-avformat info "$clip"
 quorvel-avformat --quiet convert "$clip" "$work/d.mkv"
 probe "$work/d.mkv"
-pkg-config --modversion quorvel-avformat
-$sudo apt-get purge -y -qq quorvel-avformat >/dev/null 2>&1
+man -w quorvel-avformat
+man quorvel-avformat 2>/dev/null | grep -q -- "--overwrite" || { echo "the man page lacks the options"; exit 1; }
+# shellcheck disable=SC1091
+completions=$(bash -c 'source /usr/share/bash-completion/bash_completion; source /usr/share/bash-completion/completions/quorvel-avformat
+  COMP_LINE="quorvel-avformat ex"; COMP_POINT=${#COMP_LINE}; COMP_WORDS=(quorvel-avformat ex); COMP_CWORD=1
+  _quorvel_avformat; echo "${COMPREPLY[*]}"')
+[ "$completions" = "extract" ] || { echo "completion gave \"$completions\""; exit 1; }
+echo "  pkg-config: $(pkg-config --modversion quorvel-avformat) $(pkg-config --print-requires-private quorvel-avformat | tr '\n' ' ')"
+# shellcheck disable=SC2046
+cc -Wall -Wextra -Werror tests/consumer/consumer.c -o "$work/consumer-usr" $(pkg-config --cflags --libs quorvel-avformat)
+"$work/consumer-usr" "$clip" "$work/e.nut"
+probe "$work/e.nut"
+cmake -S tests/consumer -B "$work/consumer-usr-cmake" -DCMAKE_C_FLAGS="-Wall -Werror" >/dev/null
+cmake --build "$work/consumer-usr-cmake" >/dev/null
+"$work/consumer-usr-cmake/consumer" "$clip" "$work/f.nut"
+probe "$work/f.nut"
+# shellcheck disable=SC2086
+$sudo apt-get purge -y -qq $packages >/dev/null 2>&1
 package_installed=0
 ! command -v quorvel-avformat >/dev/null
-echo "installed, ran and removed $(basename "$deb")"
+echo "installed, ran and removed: $packages"

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Sets up what is needed, builds the library and its command-line tool, makes
 # a small sample clip, remuxes it with a cut while showing the progress, and
 # shows the streams of the result as the library reads them back.
@@ -18,10 +19,10 @@ if [ ! -s "$sample" ]; then
 fi
 
 echo "\$ quorvel-avformat convert $sample build/sample-cut.mkv --start 2 --end 6"
-"$tool" --progress=bar convert "$sample" build/sample-cut.mkv --start 2 --end 6
+"$tool" -y --progress=bar convert "$sample" build/sample-cut.mkv --start 2 --end 6
 echo
-echo "\$ quorvel-avformat streams build/sample-cut.mkv"
-"$tool" streams build/sample-cut.mkv
+echo "\$ quorvel-avformat info build/sample-cut.mkv"
+"$tool" info build/sample-cut.mkv
 echo
 echo "What ffprobe sees in the result:"
 ffprobe -v error -show_entries stream=index,codec_type,codec_name:format=format_name,start_time,duration \

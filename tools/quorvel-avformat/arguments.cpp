@@ -1,11 +1,20 @@
+// SPDX-License-Identifier: MIT
 #include "arguments.h"
 
 #include <fmt/core.h>
+
+extern "C" {
+#include <libavformat/avformat.h>
+#include <libavutil/log.h>
+#include <libavutil/parseutils.h>
+}
 
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <map>
+#include <memory>
+#include <new>
 #include <vector>
 
 #include "errors.h"
@@ -78,6 +87,29 @@ double ParseSeconds(const std::string& text) {
   return total;
 }
 
+double ParseTime(const std::string& text) {
+  int64_t microseconds = 0;
+  if (text.empty() || text[0] == '-' || av_parse_time(&microseconds, text.c_str(), 1) < 0)
+    throw UsageError(fmt::format("\"{}\" is not a time (90, 1.5, 1:30, 00:01:30.5, 5s, 500ms)", text));
+  return static_cast<double>(microseconds) / 1e6;
+}
+
+void CheckStreamSpecifier(const std::string& spec) {
+  // FFmpeg tells a malformed specifier from one that matches nothing only
+  // against a stream: a stream of no kind in an empty container serves.
+  std::unique_ptr<AVFormatContext, void (*)(AVFormatContext*)> context(avformat_alloc_context(),
+                                                                       avformat_free_context);
+  AVStream* stream = context ? avformat_new_stream(context.get(), nullptr) : nullptr;
+  if (stream == nullptr) throw std::bad_alloc();
+  // FFmpeg logs a malformed specifier as an error of its own; the tool's message says it better.
+  const int level = av_log_get_level();
+  av_log_set_level(AV_LOG_QUIET);
+  const int matched = spec.empty() ? -1 : avformat_match_stream_specifier(context.get(), stream, spec.c_str());
+  av_log_set_level(level);
+  if (matched < 0)
+    throw UsageError(fmt::format("\"{}\" is not a stream specifier (2, v, a:1, s:0, ...)", spec));
+}
+
 SplitTarget ParseSplitTarget(const std::string& text) {
   std::map<std::string, std::string> settings;
   const std::string base = SplitSettings(text, {"start", "end"}, settings);
@@ -85,11 +117,15 @@ SplitTarget ParseSplitTarget(const std::string& text) {
   if (equals == std::string::npos || equals == 0 || equals + 1 == base.size())
     throw UsageError(fmt::format("\"{}\" is not STREAM=OUT[,start=S][,end=E]", text));
   SplitTarget target;
-  target.stream = ParseIndex(base.substr(0, equals), "stream");
-  if (target.stream < 0) throw UsageError(fmt::format("\"{}\": the stream number can't be negative", text));
+  target.spec = base.substr(0, equals);
+  CheckStreamSpecifier(target.spec);
+  const bool number = target.spec.find_first_not_of("0123456789") == std::string::npos;
+  target.stream = number ? ParseIndex(target.spec, "stream") : -1;
   target.output = base.substr(equals + 1);
-  if (settings.count("start")) target.start = ParseSeconds(settings["start"]);
-  if (settings.count("end")) target.end = ParseSeconds(settings["end"]);
+  if (settings.count("start")) target.start = ParseTime(settings["start"]);
+  if (settings.count("end")) target.end = ParseTime(settings["end"]);
+  if (target.end > 0.0 && target.start >= target.end)
+    throw UsageError(fmt::format("\"{}\": the start is not before the end", text));
   return target;
 }
 
@@ -98,8 +134,10 @@ ConcatInput ParseConcatInput(const std::string& text) {
   ConcatInput input;
   input.path = SplitSettings(text, {"start", "end", "video", "audio"}, settings);
   if (input.path.empty()) throw UsageError(fmt::format("\"{}\" names no input file", text));
-  if (settings.count("start")) input.start = ParseSeconds(settings["start"]);
-  if (settings.count("end")) input.end = ParseSeconds(settings["end"]);
+  if (settings.count("start")) input.start = ParseTime(settings["start"]);
+  if (settings.count("end")) input.end = ParseTime(settings["end"]);
+  if (input.end > 0.0 && input.start >= input.end)
+    throw UsageError(fmt::format("\"{}\": the start is not before the end", text));
   if (settings.count("video")) input.video = ParseIndex(settings["video"], "video");
   if (settings.count("audio")) input.audio = ParseIndex(settings["audio"], "audio");
   return input;

@@ -1,5 +1,7 @@
-// The small languages of the command line: times, and the comma-separated
-// settings that follow an output of `split` or an input of `concat`.
+// SPDX-License-Identifier: MIT
+// The small languages of the command line: times, stream specifiers, and the
+// comma-separated settings that follow an output of `extract` or an input of
+// `concat`.
 #pragma once
 
 #include <optional>
@@ -7,12 +9,21 @@
 
 namespace qtool {
 
-// Seconds as "90", "1.5", "1:30" or "0:01:30.5". Throws UsageError.
+// A time in FFmpeg's duration syntax ("90", "1.5", "1:30", "00:01:30.5", "5s",
+// "500ms"), as seconds; never negative. Throws UsageError.
+double ParseTime(const std::string& text);
+
+// Plain seconds and [h:]m:s only, no units: the stricter form of ParseTime.
 double ParseSeconds(const std::string& text);
 
-// STREAM=OUT[,start=S][,end=E]
+// Throws UsageError unless `spec` is a stream specifier in FFmpeg's syntax
+// (2, v, a:1, s:0, p:1:v, m:language:eng, ...).
+void CheckStreamSpecifier(const std::string& spec);
+
+// SPEC=OUT[,start=S][,end=E]: SPEC a stream specifier that names one stream.
 struct SplitTarget {
-  int stream = 0;
+  int stream = 0;    // SPEC as a number, or -1 when it is some other specifier
+  std::string spec;  // as given
   std::string output;
   double start = 0.0, end = 0.0;
 };

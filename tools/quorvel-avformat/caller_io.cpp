@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "caller_io.h"
 
 #include <poll.h>

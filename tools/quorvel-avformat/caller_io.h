@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Standard input and standard output as the library's caller read and write
 // functions, for `-` in place of a file name.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The subcommands, one file each, and what they share: the options that every
 // subcommand takes and the choice between a named file and a standard stream.
 #pragma once
@@ -5,27 +6,42 @@
 #include <CLI/CLI.hpp>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "Quorvel_AVFormat.h"
 #include "progress.h"
 
 namespace qtool {
 
+struct Family;
+
 struct CommonOptions {
   std::string progress = "auto";  // auto, bar, json, none
   bool quiet = false;
+  std::string loglevel;           // FFmpeg's log level; "" for error (quiet with -q)
+  bool overwrite = false, no_overwrite = false;  // -y, -n
+  bool no_keys = false;
+  bool trusted = false;           // the default input policy instead of the strict one
+  std::string allow_protocols;    // the default policy, reading through these protocols only
+  std::vector<std::string> reverted;  // practical options switched back to their defined behaviour
 };
 ProgressMode ResolveProgress(const CommonOptions& common);
+// The options on the whole tool (and, through fallthrough, on every subcommand).
+void AddCommonOptions(CLI::App& app, CommonOptions& common);
+// Sets the practical preset, the input policy and the switched-back options
+// on a new task of `family`. Throws LibraryFailure.
+void Configure(const Family& family, void* task, const CommonOptions& common);
 
 // The subcommand that the command line chose, ready to run: returns the exit status.
 using Action = std::function<int()>;
 
 void AddConvert(CLI::App& app, const CommonOptions& common, Action& action);
-void AddSplit(CLI::App& app, const CommonOptions& common, Action& action);
+void AddExtract(CLI::App& app, const CommonOptions& common, Action& action);
 void AddMux(CLI::App& app, const CommonOptions& common, Action& action);
 void AddConcat(CLI::App& app, const CommonOptions& common, Action& action);
 void AddPackets(CLI::App& app, const CommonOptions& common, Action& action);
 void AddStreams(CLI::App& app, const CommonOptions& common, Action& action);
+void AddInfo(CLI::App& app, const CommonOptions& common, Action& action);
 
 // Where a task writes: the file OUT, whose name decides the container, or for
 // "-" standard output in the container that --format names.
@@ -36,6 +52,17 @@ struct OutputTarget {
 };
 OutputTarget ResolveOutput(const std::string& output, const std::string& format);
 
+// A cut from --start and one of --end, --to (the same) or --duration; 0 for
+// an end means none. Throws UsageError for an end that is not after the start.
+struct Cut {
+  double start = 0.0, end = 0.0;
+};
+struct CutOptions {
+  std::string start, end, duration;
+};
+void AddCutOptions(CLI::App& command, CutOptions& options);
+Cut ResolveCut(const CutOptions& options);
+
 // How an input is named in messages.
 std::string Shown(const std::string& path);
 
@@ -44,5 +71,9 @@ void CheckStandardOutput();
 
 // A note for the user on standard error, unless --quiet.
 void Note(const CommonOptions& common, const std::string& text);
+
+// The schema number that every JSON output carries, raised when a field
+// changes its meaning or goes away (new fields keep it).
+constexpr int kJsonSchema = 1;
 
 }  // namespace qtool

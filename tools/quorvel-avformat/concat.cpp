@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // concat OUT IN[,start=S][,end=E][,video=I][,audio=I]...: files joined end to end.
 #include <fmt/core.h>
 
@@ -8,6 +9,7 @@
 #include "arguments.h"
 #include "commands.h"
 #include "errors.h"
+#include "outputs.h"
 #include "probe.h"
 #include "task.h"
 
@@ -20,49 +22,56 @@ struct ConcatOptions {
 };
 
 // Unless told otherwise, an input gives its first video and its first audio
-// stream. When the input can't be looked into, video 0 and audio 1 is the
-// usual layout.
-void ChooseStreams(ConcatInput& input) {
-  const std::vector<int> types = StreamTypes(input.path);
-  const auto first = [&](int type, int fallback) {
-    if (types.empty()) return fallback;
-    const auto at = std::find(types.begin(), types.end(), type);
-    return at == types.end() ? -1 : static_cast<int>(at - types.begin());
-  };
-  if (!input.video) input.video = first(0, 0);
-  if (!input.audio) input.audio = first(1, 1);
-}
-
-// The output's timeline runs through the inputs one after another.
-std::optional<Span> JoinedSpan(const std::vector<ConcatInput>& inputs) {
-  std::optional<Span> joined;
-  for (const ConcatInput& input : inputs) {
-    const auto span = EstimateSpan(input.path);
-    if (!span) return std::nullopt;
-    if (!joined) {
-      joined = span;
-    } else {
-      joined->last += span->last;
+// stream; a number given must name a stream of that kind.
+void ChooseStreams(ConcatInput& input, const MediaFile& file) {
+  const auto choose = [&](std::optional<int>& index, AVMediaType type, const char* kind) {
+    if (!index) {
+      index = -1;
+      for (unsigned i = file.count(); i-- > 0;) {
+        if (file.type(i) == type) index = static_cast<int>(i);
+      }
+    } else if (*index >= 0 && (*index >= static_cast<int>(file.count()) || file.type(*index) != type)) {
+      throw ToolFailure(fmt::format("{} has no {} stream {}", Shown(input.path), kind, *index));
     }
-  }
-  return joined;
+  };
+  choose(input.video, AVMEDIA_TYPE_VIDEO, "video");
+  choose(input.audio, AVMEDIA_TYPE_AUDIO, "audio");
+  if (*input.video < 0 && *input.audio < 0)
+    throw ToolFailure(fmt::format("{} gives no video and no audio stream", Shown(input.path)));
 }
 
 int RunConcat(const ConcatOptions& options, const CommonOptions& common) {
   if (options.output == "-") throw UsageError("concat writes a named file only, not standard output");
   std::vector<ConcatInput> inputs;
+  std::vector<std::string> paths;
+  RunSettings settings{ResolveProgress(common), std::nullopt, !common.no_keys};
+  bool lengths_known = true;
   for (const std::string& text : options.inputs) {
     inputs.push_back(ParseConcatInput(text));
-    if (inputs.back().path == "-") throw UsageError("concat reads named files only, not standard input");
-    ChooseStreams(inputs.back());
+    ConcatInput& input = inputs.back();
+    if (input.path == "-") throw UsageError("concat reads named files only, not standard input");
+    paths.push_back(input.path);
+    // Every input is opened before the output exists.
+    const MediaFile file(input.path, common, kConcatenation);
+    ChooseStreams(input, file);
+    // The output's timeline runs through the inputs one after another.
+    auto span = file.span();
+    if (span && input.end > 0.0) span->last = std::min(span->last, span->first + input.end);
+    if (span) span->last -= std::min(input.start, span->last - span->first);
+    lengths_known = lengths_known && span.has_value();
+    if (!lengths_known) continue;
+    if (!settings.span) settings.span = Span{0.0, 0.0};
+    settings.span->last += span->last - span->first;
   }
-
-  RunSettings settings{ResolveProgress(common), std::nullopt, true};
-  if (settings.mode != ProgressMode::kNone) settings.span = JoinedSpan(inputs);
+  if (!lengths_known) settings.span.reset();
+  OutputFiles files(common, paths);
+  files.Claim(options.output);
 
   ProgressCounter counter;
   Task task(kConcatenation, AVFormat_Link_Init(ProgressCounter::Record, &counter));
   Check(task.get() != nullptr, "creating a concatenation task");
+  Configure(kConcatenation, task.get(), common);
+  files.Creating();
   Check(AVFormat_Link_Output(task.get(), options.output.c_str()), "creating the output " + Shown(options.output),
         options.output, Role::kOutput);
   for (const ConcatInput& input : inputs) {
@@ -70,7 +79,9 @@ int RunConcat(const ConcatOptions& options, const CommonOptions& common) {
           "opening the input " + Shown(input.path), input.path, Role::kInput);
   }
   Check(AVFormat_Link_Start(task.get()), "writing the header to " + Shown(options.output));
-  return ExitStatus(RunTask(task, counter, settings));
+  const Outcome outcome = RunTask(task, counter, settings);
+  files.Keep();
+  return ExitStatus(outcome, task);
 }
 
 }  // namespace
@@ -86,9 +97,9 @@ void AddConcat(CLI::App& app, const CommonOptions& common, Action& action) {
       ->required();
   command->footer(
       "The output's streams are described from the first input that has each kind: give inputs with the same\n"
-      "codecs and time bases. start and end act only together, and keep the packets whose position on the\n"
-      "output's timeline is at most both. Example:\n"
-      "  quorvel-avformat concat joined.mkv part1.mkv part2.mkv");
+      "codecs. Each input's start= and end= are times on that input's own timeline; each input goes on where\n"
+      "the previous one ended. Example:\n"
+      "  quorvel-avformat concat joined.mkv part1.mkv part2.mkv,start=1,end=3");
   command->callback(
       [options, &common, &action] { action = [options, &common] { return RunConcat(*options, common); }; });
 }

@@ -1,9 +1,11 @@
+// SPDX-License-Identifier: MIT
 // quorvel-avformat: the library's four families of container operations from
-// a shell, plus a look at an input's packets and streams.
+// a shell, plus a look at an input's container, streams and packets.
 #include <fmt/core.h>
 
 #include <CLI/CLI.hpp>
 #include <new>
+#include <utility>
 
 extern "C" {
 #include <libavutil/log.h>
@@ -14,9 +16,48 @@ extern "C" {
 #include "errors.h"
 #include "terminal.h"
 
+namespace {
+
+int LogLevel(const qtool::CommonOptions& common) {
+  const std::pair<const char*, int> levels[] = {
+      {"quiet", AV_LOG_QUIET}, {"panic", AV_LOG_PANIC},     {"fatal", AV_LOG_FATAL}, {"error", AV_LOG_ERROR},
+      {"warning", AV_LOG_WARNING}, {"info", AV_LOG_INFO}, {"verbose", AV_LOG_VERBOSE}, {"debug", AV_LOG_DEBUG},
+      {"trace", AV_LOG_TRACE}};
+  for (const auto& [name, level] : levels) {
+    if (common.loglevel == name) return level;
+  }
+  // FFmpeg's own errors say which stream or packet a failure was about; its
+  // warnings and notices would only crowd the progress line.
+  return common.quiet ? AV_LOG_QUIET : AV_LOG_ERROR;
+}
+
+// help [SUBCOMMAND]: the same text as --help.
+void AddHelp(CLI::App& app, qtool::Action& action) {
+  auto topic = std::make_shared<std::string>();
+  CLI::App* command = app.add_subcommand("help", "Show the help of the tool or of one subcommand");
+  command->add_option("SUBCOMMAND", *topic, "The subcommand to explain");
+  command->callback([&app, topic, &action] {
+    action = [&app, topic] {
+      if (topic->empty()) {
+        fmt::print("{}", app.get_formatter()->make_help(&app, app.get_name(), CLI::AppFormatMode::Normal));
+        return 0;
+      }
+      for (CLI::App* sub : app.get_subcommands([](CLI::App*) { return true; })) {
+        if (sub->check_name(*topic)) {
+          fmt::print("{}", sub->help());
+          return 0;
+        }
+      }
+      throw qtool::UsageError(fmt::format("there is no subcommand \"{}\"", *topic));
+    };
+  });
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
   using namespace qtool;
-  CLI::App app{"Remux, split, multiplex and join media files without re-encoding them.", "quorvel-avformat"};
+  CLI::App app{"Remux, cut, extract, multiplex and join media files without re-encoding them.", "quorvel-avformat"};
   // The tool's version is that of the header it was built with; the library's, that of the one loaded.
   const unsigned library = AVFormat_GetVersion();
   app.set_version_flag("--version",
@@ -27,22 +68,23 @@ int main(int argc, char** argv) {
   app.fallthrough();
   app.footer(
       "Keys while a task runs on a terminal: p pauses and resumes, q stops (the output stays valid).\n"
-      "Ctrl-C and SIGTERM stop cleanly too. Exit status: 0 done, 1 failed, 2 bad command line,\n"
-      "128 + signal number when a signal stopped the task.");
+      "Ctrl-C and SIGTERM stop cleanly too. An existing output file is overwritten only with -y (or a yes\n"
+      "on the terminal); a failed run removes the files it wrote. Exit status: 0 done, 1 failed,\n"
+      "2 bad command line, 128 + signal number when a signal stopped the task.\n"
+      "`quorvel-avformat help SUBCOMMAND` explains each subcommand; docs/tool.md has more.");
 
   CommonOptions common;
-  app.add_option("--progress", common.progress,
-                 "auto (a bar on a terminal), bar, json (JSON lines) or none; written to standard error")
-      ->check(CLI::IsMember({"auto", "bar", "json", "none"}));
-  app.add_flag("-q,--quiet", common.quiet, "No progress and no notes");
+  AddCommonOptions(app, common);
 
   Action action;
   AddConvert(app, common, action);
-  AddSplit(app, common, action);
+  AddExtract(app, common, action);
   AddMux(app, common, action);
   AddConcat(app, common, action);
-  AddPackets(app, common, action);
+  AddInfo(app, common, action);
   AddStreams(app, common, action);
+  AddPackets(app, common, action);
+  AddHelp(app, action);
 
   try {
     app.parse(argc, argv);
@@ -57,9 +99,7 @@ int main(int argc, char** argv) {
   }
   const std::string command = app.get_subcommands().front()->get_name();
   InstallStopSignals();
-  // FFmpeg's own errors say which stream or packet a failure was about; its
-  // warnings and notices would only crowd the progress line.
-  av_log_set_level(AV_LOG_ERROR);
+  av_log_set_level(LogLevel(common));
   try {
     return action();
   } catch (const UsageError& error) {

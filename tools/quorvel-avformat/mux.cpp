@@ -1,5 +1,7 @@
-// mux OUT IN... [--start S] [--end E]: one container from the streams of several files.
+// SPDX-License-Identifier: MIT
+// mux OUT IN[:SPEC]... [--start S] [--end E]: one container from the streams of several files.
 #include <fmt/core.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <memory>
@@ -9,6 +11,7 @@
 #include "caller_io.h"
 #include "commands.h"
 #include "errors.h"
+#include "outputs.h"
 #include "probe.h"
 #include "task.h"
 
@@ -16,64 +19,87 @@ namespace qtool {
 namespace {
 
 struct MuxOptions {
-  std::string output, format, start = "0", end = "0";
+  std::string output, format;
+  CutOptions cut;
   std::vector<std::string> inputs;
 };
 
-// The worker carries every packet of an input into the output stream of the
-// input's last video or audio stream: an input with more streams than that
-// would mix them up.
-void WarnAboutMixedInputs(const MuxOptions& options, const CommonOptions& common) {
-  for (const std::string& input : options.inputs) {
-    const std::vector<int> types = StreamTypes(input);
-    const auto carried = std::count_if(types.begin(), types.end(), [](int type) { return type == 0 || type == 1; });
-    if (carried > 1)
-      Note(common, fmt::format("{} has {} video and audio streams; all its packets go into the output stream of the "
-                               "last one. Give mux files with one stream each (split makes them).",
-                               Shown(input), carried));
-  }
-}
+struct MuxInput {
+  std::string path, spec;  // spec "" takes every stream
+};
 
-// The task ends when its first input runs out, so it gets as far as the
-// shortest input.
-std::optional<Span> ShortestSpan(const std::vector<std::string>& inputs) {
-  std::optional<Span> shortest;
-  for (const std::string& input : inputs) {
-    const auto span = EstimateSpan(input);
-    if (!span) return std::nullopt;
-    if (!shortest) shortest = span;
-    shortest->first = std::min(shortest->first, span->first);
-    shortest->last = std::min(shortest->last, span->last);
+// FILE:SPEC, where FILE is the shortest prefix before a colon that names an
+// existing file, so that both file names and specifiers may hold colons.
+MuxInput ParseMuxInput(const std::string& text) {
+  struct stat status {};
+  for (auto colon = text.find(':'); colon != std::string::npos; colon = text.find(':', colon + 1)) {
+    const std::string path = text.substr(0, colon);
+    if (path == "-" || stat(path.c_str(), &status) == 0) {
+      CheckStreamSpecifier(text.substr(colon + 1));
+      return {path, text.substr(colon + 1)};
+    }
   }
-  return shortest;
+  return {text, ""};
 }
 
 int RunMux(const MuxOptions& options, const CommonOptions& common) {
-  const double start = ParseSeconds(options.start), end = ParseSeconds(options.end);
+  const Cut cut = ResolveCut(options.cut);
   const OutputTarget output = ResolveOutput(options.output, options.format);
-  const auto piped_inputs = std::count(options.inputs.begin(), options.inputs.end(), "-");
+  std::vector<MuxInput> inputs;
+  std::vector<std::string> paths;
+  for (const std::string& text : options.inputs) {
+    inputs.push_back(ParseMuxInput(text));
+    paths.push_back(inputs.back().path);
+  }
+  const auto piped_inputs = std::count(paths.begin(), paths.end(), "-");
   if (piped_inputs > 1) throw UsageError("only one input can come from standard input");
-  WarnAboutMixedInputs(options, common);
 
-  RunSettings settings{ResolveProgress(common), std::nullopt, piped_inputs == 0};
-  if (settings.mode != ProgressMode::kNone) settings.span = ShortestSpan(options.inputs);
-  if (settings.span && end > 0.0) settings.span->last = std::min(settings.span->last, end);
+  // Every named input is opened, and every specifier matched, before the output exists.
+  RunSettings settings{ResolveProgress(common), std::nullopt, piped_inputs == 0 && !common.no_keys};
+  const bool shortest =
+      std::find(common.reverted.begin(), common.reverted.end(), "until_all_inputs_end") != common.reverted.end();
+  for (size_t i = 0; i < inputs.size(); ++i) {
+    if (inputs[i].path == "-") {
+      settings.span.reset();
+      continue;
+    }
+    const MediaFile file(inputs[i].path, common, kMultiplexing);
+    if (!inputs[i].spec.empty() && file.Match(inputs[i].spec).empty())
+      throw ToolFailure(fmt::format("\"{}\" matches no stream of {}", inputs[i].spec, Shown(inputs[i].path)));
+    const auto span = file.span();
+    if (!span || (i > 0 && !settings.span)) {
+      settings.span.reset();
+    } else if (i == 0) {
+      settings.span = span;
+    } else {
+      settings.span->first = std::min(settings.span->first, span->first);
+      settings.span->last = shortest ? std::min(settings.span->last, span->last) : std::max(settings.span->last, span->last);
+    }
+  }
+  if (settings.span && cut.end > 0.0) settings.span->last = std::min(settings.span->last, cut.end);
+  OutputFiles files(common, paths);
+  files.Claim(options.output);
 
   ProgressCounter counter;
   Task task(kMultiplexing, AVFormat_Packet_Init(ProgressCounter::Record, &counter));
   Check(task.get() != nullptr, "creating a multiplexing task");
-  Check(AVFormat_Packet_Output(task.get(), output.name.c_str(), start, end, output.write, nullptr),
+  Configure(kMultiplexing, task.get(), common);
+  files.Creating();
+  Check(AVFormat_Packet_Output(task.get(), output.name.c_str(), cut.start, cut.end, output.write, nullptr),
         "creating the output " + output.shown, options.output, Role::kOutput);
-  for (const std::string& input : options.inputs) {
-    const bool piped = input == "-";
-    Check(AVFormat_Packet_Input(task.get(), piped ? nullptr : input.c_str(), piped ? ReadStandardInput : nullptr,
+  for (const MuxInput& input : inputs) {
+    const bool piped = input.path == "-";
+    if (!input.spec.empty())
+      Check(AVFormat_Packet_SetOption(task.get(), "streams", input.spec.c_str()), "choosing the streams " + input.spec);
+    Check(AVFormat_Packet_Input(task.get(), piped ? nullptr : input.path.c_str(), piped ? ReadStandardInput : nullptr,
                                 nullptr),
-          "opening the input " + Shown(input), input, Role::kInput);
+          "opening the input " + Shown(input.path), input.path, Role::kInput);
   }
   Check(AVFormat_Packet_Start(task.get()), "writing the header to " + output.shown);
   const Outcome outcome = RunTask(task, counter, settings);
   CheckStandardOutput();
-  return ExitStatus(outcome);
+  files.Keep();
+  return ExitStatus(outcome, task);
 }
 
 }  // namespace
@@ -83,14 +109,17 @@ void AddMux(CLI::App& app, const CommonOptions& common, Action& action) {
   CLI::App* command = app.add_subcommand("mux", "Build OUT from the streams of several files");
   command->add_option("OUT", options->output, "Output file (its name decides the container), or - for standard output")
       ->required();
-  command->add_option("IN", options->inputs, "Input files with one video or audio stream each; - for standard input")
+  command
+      ->add_option("IN", options->inputs,
+                   "Input file, with :SPEC to take only the streams that a stream specifier picks (a.mkv:v:0, "
+                   "b.mka:a); - for standard input")
       ->required();
-  command->add_option("--start", options->start, "Keep packets from this time on (seconds or [h:]m:s)");
-  command->add_option("--end", options->end, "End on the packet at exactly this time (seconds or [h:]m:s)");
-  command->add_option("--format", options->format, "Container for OUT - (matroska, mpegts, nut, flv, ...)");
+  AddCutOptions(*command, options->cut);
+  command->add_option("-f,--format", options->format, "Container for OUT - (matroska, mpegts, nut, flv, ...)");
   command->footer(
-      "One packet is taken from each input in turn; the output ends when the first input runs out. Example:\n"
-      "  quorvel-avformat mux out.mkv video.mkv audio.mka");
+      "Every stream of each input goes into an output stream of its own; packets are interleaved by time and\n"
+      "the output runs until every input has ended. Example (the video of one file, the audio of another):\n"
+      "  quorvel-avformat mux both.mkv video.mkv:v audio.mka:a");
   command->callback([options, &common, &action] { action = [options, &common] { return RunMux(*options, common); }; });
 }
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // packets IN [--json]: every packet of IN as the pull route hands it out.
 #include <fmt/core.h>
 
@@ -20,15 +21,21 @@ struct PacketsOptions {
   bool json = false;
 };
 
-nlohmann::json Time(int64_t ticks) {
-  return ticks == AV_NOPTS_VALUE ? nlohmann::json(nullptr) : nlohmann::json(ticks);
+using Json = nlohmann::ordered_json;
+
+Json Time(int64_t ticks) {
+  return ticks == AV_NOPTS_VALUE ? Json(nullptr) : Json(ticks);
+}
+Json Seconds(int64_t ticks, AVCODEC_TIMEBASE base) {
+  if (ticks == AV_NOPTS_VALUE || base.den == 0) return Json(nullptr);
+  return Json(static_cast<double>(ticks) * base.num / base.den);
 }
 std::string TimeText(int64_t ticks) {
   return ticks == AV_NOPTS_VALUE ? "" : std::to_string(ticks);
 }
 
-int RunPackets(const PacketsOptions& options) {
-  PullReader reader(options.input);
+int RunPackets(const PacketsOptions& options, const CommonOptions& common) {
+  PullReader reader(options.input, common);
   // A demuxer may leave a packet's own time base unset: it is its stream's then.
   std::vector<AVCODEC_TIMEBASE> stream_bases(reader.StreamCount());
   for (size_t i = 0; i < stream_bases.size(); ++i) reader.Stream(static_cast<int>(i), &stream_bases[i]);
@@ -42,9 +49,17 @@ int RunPackets(const PacketsOptions& options) {
         base = stream_bases[packet.stream];
       const std::string time_base = fmt::format("{}/{}", base.num, base.den);
       if (options.json) {
-        const nlohmann::json line = {{"stream", packet.stream},          {"size", packet.size},
-                                     {"pts", Time(packet.info.pts)},     {"dts", Time(packet.info.dts)},
-                                     {"duration", packet.info.duration}, {"time_base", time_base}};
+        const Json line = {{"schema", kJsonSchema},
+                           {"stream", packet.stream},
+                           {"key", (packet.flags & AVFORMAT_PKT_FLAG_KEY) != 0},
+                           {"size", packet.size},
+                           {"pts", Time(packet.info.pts)},
+                           {"dts", Time(packet.info.dts)},
+                           {"duration", packet.info.duration},
+                           {"time_base", time_base},
+                           {"pts_time", Seconds(packet.info.pts, base)},
+                           {"dts_time", Seconds(packet.info.dts, base)},
+                           {"duration_time", Seconds(packet.info.duration, base)}};
         fmt::print("{}\n", line.dump());
       } else {
         fmt::print("{},{},{},{},{},{}\n", packet.stream, packet.size, TimeText(packet.info.pts),
@@ -62,15 +77,17 @@ int RunPackets(const PacketsOptions& options) {
 
 }  // namespace
 
-void AddPackets(CLI::App& app, const CommonOptions&, Action& action) {
+void AddPackets(CLI::App& app, const CommonOptions& common, Action& action) {
   auto options = std::make_shared<PacketsOptions>();
   CLI::App* command = app.add_subcommand("packets", "List every packet of IN: stream, size, pts, dts, duration");
   command->add_option("IN", options->input, "Input file, or - for standard input")->required();
-  command->add_flag("--json", options->json, "One JSON object per line instead of CSV");
+  command->add_flag("--json", options->json,
+                    "One JSON object per line instead of CSV, with the key-frame flag and times in seconds");
   command->footer(
-      "Times are in ticks of the packet's time base, as the container stores them; an unknown time is empty\n"
-      "(CSV) or null (JSON). Packets come in the container's order, all streams mixed.");
-  command->callback([options, &action] { action = [options] { return RunPackets(*options); }; });
+      "Times are in ticks of the packet's time base, as the container stores them (JSON adds them in seconds);\n"
+      "an unknown time is empty (CSV) or null (JSON). Packets come in the container's order, all streams mixed.");
+  command->callback(
+      [options, &common, &action] { action = [options, &common] { return RunPackets(*options, common); }; });
 }
 
 }  // namespace qtool

@@ -1,44 +1,34 @@
+// SPDX-License-Identifier: MIT
 #include "probe.h"
 
-#include <sys/stat.h>
+#include <fmt/core.h>
 
-#include <algorithm>
-
+#include "arguments.h"
 #include "caller_io.h"
+#include "commands.h"
 #include "errors.h"
+#include "task.h"
 
 namespace qtool {
 namespace {
 
-constexpr off_t kMiB = 1 << 20;
-// Without a seek to the end, a file this small is read through to find its end.
-constexpr off_t kReadThroughLimit = 64 * kMiB;
-
 void NoProgress(void*, int, long long, double, void*) {}
-
-std::optional<off_t> RegularFileSize(const std::string& path) {
-  struct stat status {};
-  if (path == "-" || stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
-  return status.st_size;
-}
-
-double Seconds(int64_t ticks, AVCODEC_TIMEBASE time_base) {
-  return static_cast<double>(ticks) * time_base.num / time_base.den;
-}
 
 }  // namespace
 
-PullReader::PullReader(const std::string& path) {
+PullReader::PullReader(const std::string& path, const CommonOptions& common) {
   task_ = AVFormat_UNPack_Init(NoProgress, nullptr);
   Check(task_ != nullptr, "creating a demultiplexing task");
-  const bool standard_input = path == "-";
-  const bool opened = standard_input ? AVFormat_UNPack_Input(task_, nullptr, ReadStandardInput, nullptr)
-                                     : AVFormat_UNPack_Input(task_, path.c_str(), nullptr, nullptr);
-  if (!opened) {
+  try {
+    Configure(kDemultiplexing, task_, common);
+    const bool standard_input = path == "-";
+    Check(standard_input ? AVFormat_UNPack_Input(task_, nullptr, ReadStandardInput, nullptr)
+                         : AVFormat_UNPack_Input(task_, path.c_str(), nullptr, nullptr),
+          "opening the input " + Shown(path), path, Role::kInput);
+  } catch (...) {
     // The constructor won't finish, so the destructor won't stop the task.
-    const uint64_t code = AVFormat_GetLastError(nullptr);
     AVFormat_UNPack_Stop(task_);
-    Throw(code, "opening the input \"" + path + "\"", path, Role::kInput);
+    throw;
   }
 }
 
@@ -77,52 +67,46 @@ bool PullReader::Next(PulledPacket& packet) {
   }
 }
 
-bool PullReader::SeekNearEnd() {
-  // A year on from the start: the seek lands on the last key frame before it.
-  constexpr unsigned long long kYear = 365ULL * 24 * 3600 * 1000000;
-  return AVFormat_UNPack_Seek(task_, -1, kYear);
+MediaFile::MediaFile(const std::string& path, const CommonOptions& common, const Family& family) {
+  try {
+    PullReader gate(path, common);
+  } catch (LibraryFailure& failure) {
+    // Told as the family's own open would tell it.
+    if (failure.code == ERROR_AVFORMAT_PACKET_OPEN) failure.code = family.open_code;
+    if (failure.code == ERROR_AVFORMAT_PACKET_POLICY) failure.code = family.policy_code;
+    throw;
+  }
+  AVDictionary* options = nullptr;
+  const std::string protocols = !common.allow_protocols.empty() ? common.allow_protocols
+                                : common.trusted                ? ""
+                                                                : "file";
+  if (!protocols.empty()) av_dict_set(&options, "protocol_whitelist", protocols.c_str(), 0);
+  const int opened = avformat_open_input(&context_, path.c_str(), nullptr, &options);
+  av_dict_free(&options);
+  if (opened < 0 || avformat_find_stream_info(context_, nullptr) < 0) {
+    avformat_close_input(&context_);
+    Throw(family.open_code, "looking into the input " + Shown(path), path, Role::kInput);
+  }
 }
 
-std::vector<int> StreamTypes(const std::string& path) {
-  std::vector<int> types;
-  if (!RegularFileSize(path)) return types;
-  try {
-    PullReader reader(path);
-    while (CodecParameters parameters = reader.Stream(static_cast<int>(types.size()), nullptr))
-      types.push_back(parameters->codec_type);
-  } catch (const LibraryFailure&) {
-    types.clear();
-  }
-  return types;
+MediaFile::~MediaFile() {
+  avformat_close_input(&context_);
 }
 
-std::optional<Span> EstimateSpan(const std::string& path) {
-  const auto size = RegularFileSize(path);
-  if (!size) return std::nullopt;
-  try {
-    PullReader reader(path);
-    std::vector<AVCODEC_TIMEBASE> stream_bases(reader.StreamCount());
-    for (size_t i = 0; i < stream_bases.size(); ++i) reader.Stream(static_cast<int>(i), &stream_bases[i]);
-    std::optional<Span> span;
-    PulledPacket packet;
-    const auto take = [&] {
-      AVCODEC_TIMEBASE base = packet.time_base;
-      if (base.num == 0 && packet.stream >= 0 && static_cast<size_t>(packet.stream) < stream_bases.size())
-        base = stream_bases[packet.stream];
-      if (packet.info.pts == AV_NOPTS_VALUE || base.num == 0 || base.den == 0) return;
-      const double seconds = Seconds(packet.info.pts, base);
-      if (!span) span = Span{seconds, seconds};
-      span->first = std::min(span->first, seconds);
-      span->last = std::max(span->last, seconds);
-    };
-    // The earliest times are among the first packets (B-frames come out of order).
-    for (int i = 0; i < 32 && reader.Next(packet); ++i) take();
-    if (!reader.SeekNearEnd() && *size > kReadThroughLimit) return std::nullopt;
-    while (reader.Next(packet)) take();
-    return span;
-  } catch (const LibraryFailure&) {
-    return std::nullopt;
+std::vector<int> MediaFile::Match(const std::string& spec) const {
+  CheckStreamSpecifier(spec);
+  std::vector<int> matched;
+  for (unsigned i = 0; i < count(); ++i) {
+    if (avformat_match_stream_specifier(context_, context_->streams[i], spec.c_str()) > 0)
+      matched.push_back(static_cast<int>(i));
   }
+  return matched;
+}
+
+std::optional<Span> MediaFile::span() const {
+  if (context_->duration == AV_NOPTS_VALUE || context_->duration <= 0) return std::nullopt;
+  const double first = context_->start_time == AV_NOPTS_VALUE ? 0.0 : context_->start_time / double(AV_TIME_BASE);
+  return Span{first, first + context_->duration / double(AV_TIME_BASE)};
 }
 
 }  // namespace qtool

@@ -1,5 +1,7 @@
-// Looking into an input through the demultiplexing family's pull route: its
-// streams, its packets, and how far its timeline reaches.
+// SPDX-License-Identifier: MIT
+// Looking into an input: through the demultiplexing family's pull route (its
+// streams and packets, as the library sees them), and through FFmpeg before a
+// task opens it (container, length, stream specifiers).
 #pragma once
 
 #include <cstdlib>
@@ -13,9 +15,13 @@
 
 extern "C" {
 #include <libavcodec/codec_par.h>
+#include <libavformat/avformat.h>
 }
 
 namespace qtool {
+
+struct CommonOptions;
+struct Family;
 
 // A copy of a stream's codec parameters as the library hands it out: released
 // with free(), its pointers still pointing into the open input.
@@ -35,8 +41,9 @@ struct PulledPacket {
 // A demultiplexing task that is never started: packets are pulled one by one.
 class PullReader {
  public:
-  // Opens `path`, or standard input for "-". Throws LibraryFailure.
-  explicit PullReader(const std::string& path);
+  // Opens `path`, or standard input for "-", under the tool's input policy.
+  // Throws LibraryFailure.
+  PullReader(const std::string& path, const CommonOptions& common);
   ~PullReader();
   PullReader(const PullReader&) = delete;
   PullReader& operator=(const PullReader&) = delete;
@@ -46,20 +53,36 @@ class PullReader {
   int StreamCount();
   // The next packet of any stream; false at the end of the input.
   bool Next(PulledPacket& packet);
-  // Moves close to the end of the input; false when the input can't seek.
-  bool SeekNearEnd();
 
  private:
   void* task_ = nullptr;
   std::vector<unsigned char> data_;  // grown to the largest packet met
 };
 
-// Media type (AVMEDIA_TYPE_*) of each stream of a file; empty when the file
-// can't be looked into.
-std::vector<int> StreamTypes(const std::string& path);
+// A named input, opened before any output exists: first by the library under
+// the tool's input policy (so that a refusal comes before anything is
+// written), then by FFmpeg for what the library does not tell.
+class MediaFile {
+ public:
+  // Throws LibraryFailure with `family`'s code for an input that can't be
+  // opened or that the policy refuses.
+  MediaFile(const std::string& path, const CommonOptions& common, const Family& family);
+  ~MediaFile();
+  MediaFile(const MediaFile&) = delete;
+  MediaFile& operator=(const MediaFile&) = delete;
 
-// From the earliest packet time to the end of the last packet; nothing when
-// that can't be found cheaply.
-std::optional<Span> EstimateSpan(const std::string& path);
+  const AVFormatContext& context() const { return *context_; }
+  unsigned count() const { return context_->nb_streams; }
+  const AVStream& stream(unsigned index) const { return *context_->streams[index]; }
+  AVMediaType type(unsigned index) const { return stream(index).codecpar->codec_type; }
+  // The streams that `spec` picks, in order. Throws UsageError for a malformed
+  // specifier.
+  std::vector<int> Match(const std::string& spec) const;
+  // The input's timeline as the container tells it (no packet is read).
+  std::optional<Span> span() const;
+
+ private:
+  AVFormatContext* context_ = nullptr;
+};
 
 }  // namespace qtool

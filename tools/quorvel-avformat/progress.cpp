@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "progress.h"
 
 #include <fmt/core.h>
@@ -11,6 +12,9 @@
 
 namespace qtool {
 namespace {
+
+// As kJsonSchema in commands.h; a progress line carries it last, after the fields that scripts match on.
+constexpr int kProgressSchema = 1;
 
 std::string ClockText(double seconds) {
   if (seconds < 0) seconds = 0;
@@ -105,6 +109,7 @@ void ProgressDisplay::PrintJson(const char* event, const ProgressCounter& counte
     line["outcome"] = outcome;
     line["refused"] = refused;
   }
+  line["schema"] = kProgressSchema;
   fmt::print(stderr, "{}\n", line.dump());
   std::fflush(stderr);
 }

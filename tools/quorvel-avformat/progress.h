@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Progress of a running task: what the library's progress callback reports,
 // shown as a one-line bar on a terminal or as JSON lines.
 #pragma once

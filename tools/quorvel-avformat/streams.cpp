@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // streams IN [--json]: each stream's codec parameters and time base.
 #include <fmt/core.h>
 
@@ -37,8 +38,11 @@ nlohmann::ordered_json Describe(int index, const AVCodecParameters& p, AVCODEC_T
     stream["width"] = p.width;
     stream["height"] = p.height;
     stream["pixel_format"] = OrDash(av_get_pix_fmt_name(static_cast<AVPixelFormat>(p.format)));
+    // Every FFmpeg version gives the same fields: null where the codec parameters carry no frame rate.
+    stream["frame_rate"] = nullptr;
 #if QUORVEL_HAS_CODECPAR_FRAMERATE
-    if (p.framerate.den != 0) stream["frame_rate"] = fmt::format("{}/{}", p.framerate.num, p.framerate.den);
+    if (p.framerate.den != 0 && p.framerate.num != 0)
+      stream["frame_rate"] = fmt::format("{}/{}", p.framerate.num, p.framerate.den);
 #endif
   } else if (p.codec_type == AVMEDIA_TYPE_AUDIO) {
     char layout[128] = "";
@@ -57,7 +61,7 @@ std::string Line(const nlohmann::ordered_json& s) {
   if (s.contains("width"))
     line +=
         fmt::format(", {}x{}, {}", s["width"].get<int>(), s["height"].get<int>(), s["pixel_format"].get<std::string>());
-  if (s.contains("frame_rate")) line += ", " + s["frame_rate"].get<std::string>() + " fps";
+  if (s.contains("frame_rate") && !s["frame_rate"].is_null()) line += ", " + s["frame_rate"].get<std::string>() + " fps";
   if (s.contains("sample_rate"))
     line += fmt::format(", {} Hz, {}, {}", s["sample_rate"].get<int>(), s["channel_layout"].get<std::string>(),
                         s["sample_format"].get<std::string>());
@@ -65,8 +69,8 @@ std::string Line(const nlohmann::ordered_json& s) {
   return line + ", time base " + s["time_base"].get<std::string>();
 }
 
-int RunStreams(const StreamsOptions& options) {
-  PullReader reader(options.input);
+int RunStreams(const StreamsOptions& options, const CommonOptions& common) {
+  PullReader reader(options.input, common);
   nlohmann::ordered_json streams = nlohmann::ordered_json::array();
   AVCODEC_TIMEBASE time_base{};
   for (int index = 0;; ++index) {
@@ -76,7 +80,7 @@ int RunStreams(const StreamsOptions& options) {
     streams.push_back(Describe(index, *parameters, time_base));
   }
   if (options.json) {
-    fmt::print("{}\n", nlohmann::ordered_json{{"streams", streams}}.dump(2));
+    fmt::print("{}\n", nlohmann::ordered_json{{"schema", kJsonSchema}, {"streams", streams}}.dump(2));
   } else {
     for (const auto& stream : streams) fmt::print("{}\n", Line(stream));
   }
@@ -85,12 +89,13 @@ int RunStreams(const StreamsOptions& options) {
 
 }  // namespace
 
-void AddStreams(CLI::App& app, const CommonOptions&, Action& action) {
+void AddStreams(CLI::App& app, const CommonOptions& common, Action& action) {
   auto options = std::make_shared<StreamsOptions>();
   CLI::App* command = app.add_subcommand("streams", "Show each stream's codec parameters and time base");
   command->add_option("IN", options->input, "Input file, or - for standard input")->required();
   command->add_flag("--json", options->json, "A JSON document instead of one line per stream");
-  command->callback([options, &action] { action = [options] { return RunStreams(*options); }; });
+  command->callback(
+      [options, &common, &action] { action = [options, &common] { return RunStreams(*options, common); }; });
 }
 
 }  // namespace qtool

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "task.h"
 
 #include <fmt/core.h>
@@ -15,14 +16,22 @@ extern "C" {
 
 namespace qtool {
 
-const Family kConversion{"conversion", AVFormat_Convert_GetStatus, AVFormat_Convert_Suspend,
-                         AVFormat_Convert_StopWithReport};
-const Family kDemultiplexing{"demultiplexing", AVFormat_UNPack_GetStatus, AVFormat_UNPack_Suspend,
-                             AVFormat_UNPack_StopWithReport};
-const Family kMultiplexing{"multiplexing", AVFormat_Packet_GetStatus, AVFormat_Packet_Suspend,
-                           AVFormat_Packet_StopWithReport};
-const Family kConcatenation{"concatenation", AVFormat_Link_GetStatus, AVFormat_Link_Suspend,
-                            AVFormat_Link_StopWithReport};
+const Family kConversion{"conversion",           kConvertBit,
+                         AVFormat_Convert_SetOption, AVFormat_Convert_GetStatus,
+                         AVFormat_Convert_Suspend,   AVFormat_Convert_StopWithReport,
+                         ERROR_AVFORMAT_CONVERT_OPEN, ERROR_AVFORMAT_CONVERT_POLICY};
+const Family kDemultiplexing{"demultiplexing",       kUnpackBit,
+                             AVFormat_UNPack_SetOption, AVFormat_UNPack_GetStatus,
+                             AVFormat_UNPack_Suspend,   AVFormat_UNPack_StopWithReport,
+                             ERROR_AVFORMAT_PACKET_OPEN, ERROR_AVFORMAT_PACKET_POLICY};
+const Family kMultiplexing{"multiplexing",         kMuxBit,
+                           AVFormat_Packet_SetOption, AVFormat_Packet_GetStatus,
+                           AVFormat_Packet_Suspend,   AVFormat_Packet_StopWithReport,
+                           ERROR_AVFORMAT_PACKET_OPEN, ERROR_AVFORMAT_PACKET_POLICY};
+const Family kConcatenation{"concatenation",      kLinkBit,
+                            AVFormat_Link_SetOption, AVFormat_Link_GetStatus,
+                            AVFormat_Link_Suspend,   AVFormat_Link_StopWithReport,
+                            ERROR_AVFORMAT_LINK_OPEN, ERROR_AVFORMAT_LINK_POLICY};
 
 void Task::Stop() {
   if (handle_ == nullptr) return;
@@ -35,13 +44,20 @@ void Task::Stop() {
 namespace {
 
 // A write the output refused, or a failed trailer, fails the command with the
-// system's reason. Standard output's own failures are told by the command.
+// system's reason. Standard output's own failures are told by the command. An
+// output without a single packet is no result either.
 void CheckWrites(const AVFORMAT_TASK_REPORT& report) {
+  if (StandardOutputError() != 0) return;
   const int error = report.nWriteError != 0 ? report.nWriteError : report.nTrailerResult;
-  if (error == 0 || StandardOutputError() != 0) return;
-  char reason[AV_ERROR_MAX_STRING_SIZE] = {};
-  av_strerror(error, reason, sizeof reason);
-  throw ToolFailure(fmt::format("writing the output failed: {}", reason));
+  if (error != 0) {
+    char reason[AV_ERROR_MAX_STRING_SIZE] = {};
+    av_strerror(error, reason, sizeof reason);
+    throw ToolFailure(fmt::format("writing the output failed: {}", reason));
+  }
+  if (report.llPacketsWritten == 0)
+    throw ToolFailure(report.llPacketsRefused > 0
+                          ? fmt::format("the output refused all {} packets it was given", report.llPacketsRefused)
+                          : std::string("no packet was written: the input holds none in the chosen streams and span"));
 }
 
 }  // namespace
@@ -81,8 +97,12 @@ Outcome RunTask(Task& task, ProgressCounter& counter, const RunSettings& setting
   return outcome;
 }
 
-int ExitStatus(Outcome outcome) {
-  return outcome == Outcome::kInterrupted ? 128 + StopSignal() : 0;
+int ExitStatus(Outcome outcome, const Task& task) {
+  if (outcome == Outcome::kInterrupted) return 128 + StopSignal();
+  if (task.report().llPacketsRefused == 0) return 0;
+  fmt::print(stderr, "quorvel-avformat: the output lacks {} packets that its muxer refused (see the lines above)\n",
+             task.report().llPacketsRefused);
+  return 1;
 }
 
 }  // namespace qtool

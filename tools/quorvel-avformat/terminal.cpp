@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "terminal.h"
 
 #include <poll.h>
@@ -54,7 +55,7 @@ void RequestStop() {
 }
 
 KeyReader::KeyReader(bool wanted) {
-  if (!wanted || !isatty(STDIN_FILENO) || tcgetattr(STDIN_FILENO, &saved_termios) != 0) return;
+  if (!wanted || !isatty(STDIN_FILENO) || !InForeground() || tcgetattr(STDIN_FILENO, &saved_termios) != 0) return;
   struct termios raw = saved_termios;
   // No line buffering and no echo; ISIG stays on, so Ctrl-C still sends SIGINT.
   raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
@@ -92,6 +93,11 @@ char KeyReader::Wait(std::chrono::milliseconds timeout) {
 
 bool StderrIsTerminal() {
   return isatty(STDERR_FILENO) != 0;
+}
+
+bool InForeground() {
+  const pid_t group = tcgetpgrp(STDIN_FILENO);
+  return group != -1 && group == getpgrp();
 }
 
 int TerminalColumns() {

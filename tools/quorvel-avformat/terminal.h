@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The user's hands on a running task: keys on the terminal (p pauses and
 // resumes, q stops) and the signals that ask for a clean stop (SIGINT, SIGTERM).
 #pragma once
@@ -18,7 +19,8 @@ int StopSignal();
 void RequestStop();
 
 // Reads single keys from the terminal without waiting for Enter. Only active
-// when standard input is a terminal that the task does not read data from.
+// when wanted (no --no-keys, standard input carries no data for the task) and
+// standard input is the terminal of a foreground job.
 class KeyReader {
  public:
   explicit KeyReader(bool wanted);
@@ -38,6 +40,9 @@ class KeyReader {
 };
 
 bool StderrIsTerminal();
+// Whether the tool is the terminal's foreground job: a job in the background
+// that touched the terminal's modes would be stopped by the shell.
+bool InForeground();
 // Width of the terminal on standard error; 80 when unknown.
 int TerminalColumns();
 
