@@ -38,8 +38,8 @@ bool RouteEachStream(AVFormatContext* output, AVPACKET_FILE_AVINFO& element, con
   bool any = false;
   for (unsigned i = 0; i < input->nb_streams; ++i) {
     AVStream* stream = input->streams[i];
-    const int match = chosen.empty() ? IsCarried(stream->codecpar)
-                                     : avformat_match_stream_specifier(input, stream, chosen.c_str());
+    const int match =
+        chosen.empty() ? IsCarried(stream->codecpar) : avformat_match_stream_specifier(input, stream, chosen.c_str());
     if (match < 0) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
     element.vRoutes[i] = match > 0 ? 0 : -1;
     any = any || match > 0;

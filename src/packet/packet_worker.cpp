@@ -47,8 +47,10 @@ bool ReadRouted(AVPACKET_FILE_PACKET* task, AVPACKET_FILE_AVINFO& input, AVPacke
     av_packet_unref(packet);
     if (input.vRoutes.empty()) return true;
   }
-  // Made-up times count the packets of the stream, with a route per stream.
-  const int64_t number = input.vRoutes.empty() ? input.nPacketCount : input.vStreamCounts[packet->stream_index];
+  // Made-up times count the input's packets, or with dts_as_pts and a route
+  // per stream, the packets of their stream.
+  const bool own_count = task->stOptions.dts_as_pts && !input.vRoutes.empty();
+  const int64_t number = own_count ? input.vStreamCounts[packet->stream_index] : input.nPacketCount;
   quorvel::CompleteTimes(packet, SourceOf(input, packet), number, task->stOptions.dts_as_pts);
   return true;
 }
