@@ -903,6 +903,7 @@ QUORVEL_AVFORMAT_API bool AVFormat_Link_StopWithReport(void* task, AVFORMAT_TASK
  *                                      1: a cut starts at the key frame at or
  *                                      before its start time, found by seeking
  *                                      (demultiplexing: for the smallest start)
+ *                                      (concatenation: with cut_per_input)
  *   end_exclusive         convert, unpack
  *                                      1: a packet is kept while its decode time is
  *                                      before the end time (every frame shown before
@@ -926,7 +927,9 @@ QUORVEL_AVFORMAT_API bool AVFormat_Link_StopWithReport(void* task, AVFORMAT_TASK
  *   continuous_times      link         1: each input starts where the previous one
  *                                      ended, decode times strictly increasing
  *   cut_per_input         link         1: each input's start and end are times on
- *                                      that input's own timeline
+ *                                      that input's own timeline; a packet is kept
+ *                                      from the start while its decode time is
+ *                                      before the end
  *   fragment_bridged_mp4  convert, unpack, mux
  *                                      1: an MP4/MOV output written to a caller
  *                                      function is fragmented, unless output.movflags

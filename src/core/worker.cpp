@@ -97,4 +97,12 @@ void SynthesizeTimestamps(AVPacket* packet, const AVStream* stream, int64_t numb
   packet->duration = duration == AV_NOPTS_VALUE ? 0 : duration;
 }
 
+void CompleteTimes(AVPacket* packet, const AVStream* stream, int64_t number, bool dts_as_pts) noexcept {
+  if (packet->pts != AV_NOPTS_VALUE) return;
+  if (dts_as_pts && packet->dts != AV_NOPTS_VALUE)
+    packet->pts = packet->dts;
+  else
+    SynthesizeTimestamps(packet, stream, number);
+}
+
 }  // namespace quorvel

@@ -55,4 +55,10 @@ void FinishOnExit(std::thread& thread, std::atomic<bool>& abort, void (*release)
 // and dts unset (AV_NOPTS_VALUE) instead.
 void SynthesizeTimestamps(AVPacket* packet, const AVStream* stream, int64_t number) noexcept;
 
+// The times of a packet that comes without a presentation time. With
+// `dts_as_pts` a packet that has a decode time takes it as its presentation
+// time, and only one with neither (a raw stream) gets made-up times;
+// otherwise every such packet gets made-up times (SynthesizeTimestamps).
+void CompleteTimes(AVPacket* packet, const AVStream* stream, int64_t number, bool dts_as_pts) noexcept;
+
 }  // namespace quorvel

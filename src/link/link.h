@@ -1,7 +1,8 @@
 // Concatenation: several files joined end to end into one, each with its own
 // cut, with continuous timestamps.
 //
-// Deliberate behaviours, kept as callers rely on them:
+// Deliberate behaviours, kept as callers rely on them (the task options
+// change several of them: docs/options.md):
 //  - each input after the first is shifted by the previous input's last
 //    timestamp plus one average spacing, estimated as last / count (signed
 //    64-bit integer division) in the inputs' own time base; "last" already

@@ -1,10 +1,14 @@
 // Concatenation worker and control: Start, the worker's loop, Suspend,
 // GetStatus and Stop.
+#include <cmath>
 #include <thread>
+#include <vector>
 
 #include "core/checked.h"
 #include "core/error.h"
+#include "core/remux.h"
 #include "core/report.h"
+#include "core/seek.h"
 #include "core/task.h"
 #include "core/worker.h"
 #include "link/link.h"
@@ -59,11 +63,110 @@ bool KeptByCut(const AVPACKET_LINKINFO& element, double position) {
   return !(element.dlStartTime < position || position > element.dlEndTime);
 }
 
+// continuous_times: every stream of an input shifted by one amount, so that
+// the input starts where the previous one ended (the largest pts + duration
+// written), and decode times kept strictly increasing per output stream.
+// Times here are the output streams'.
+class Joint {
+ public:
+  // A new input, whose first time is `start` (AV_TIME_BASE units).
+  void BeginInput(int64_t start) {
+    end_ = reached_;
+    start_ = start;
+  }
+  void Shift(AVPacket* packet) {
+    const AVRational base = packet->time_base;
+    // An offset beyond 64 bits leaves the times unset.
+    const int64_t start = av_rescale_q(start_, AV_TIME_BASE_Q, base);
+    const int64_t offset =
+        start == AV_NOPTS_VALUE ? AV_NOPTS_VALUE : quorvel::AddTimes(av_rescale_q(end_.value, end_.base, base), -start);
+    packet->pts = quorvel::AddTimes(packet->pts, offset);
+    packet->dts = quorvel::AddTimes(packet->dts, offset);
+    const int64_t last = LastDts(packet->stream_index);
+    if (packet->dts != AV_NOPTS_VALUE && last != AV_NOPTS_VALUE && packet->dts <= last)
+      packet->dts = quorvel::AddTimes(last, 1);
+    if (packet->pts != AV_NOPTS_VALUE && packet->dts != AV_NOPTS_VALUE && packet->pts < packet->dts)
+      packet->pts = packet->dts;
+  }
+  // A packet about to be written: its decode time and where it ends.
+  void Wrote(const AVPacket* packet) {
+    if (packet->dts != AV_NOPTS_VALUE) LastDts(packet->stream_index) = packet->dts;
+    const int64_t end = quorvel::AddTimes(packet->pts, packet->duration);
+    if (end != AV_NOPTS_VALUE && av_compare_ts(end, packet->time_base, reached_.value, reached_.base) > 0)
+      reached_ = {end, packet->time_base};
+  }
+
+ private:
+  struct Time {
+    int64_t value = 0;
+    AVRational base{1, AV_TIME_BASE};
+  };
+  int64_t& LastDts(int stream) {
+    if (static_cast<size_t>(stream) >= last_dts_.size()) last_dts_.resize(stream + 1, AV_NOPTS_VALUE);
+    return last_dts_[stream];
+  }
+  Time end_, reached_;
+  int64_t start_ = 0;
+  std::vector<int64_t> last_dts_;
+};
+
+// cut_per_input: the input's start and end on its own timeline. A packet is
+// kept from the start (or from the key frame at or before it) while its
+// decode time is before the end; a stream whose decode time has reached the
+// end is done, and the input with it once both are.
+struct OwnCut {
+  int64_t begin = AV_NOPTS_VALUE;  // AV_TIME_BASE units; unset: from the first packet
+  int64_t end = AV_NOPTS_VALUE;
+  bool video_done = false, audio_done = false;
+
+  bool Keeps(const AVPacket* packet, AVRational base, bool video) {
+    const int64_t pts = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
+    const int64_t dts = packet->dts != AV_NOPTS_VALUE ? packet->dts : packet->pts;
+    if (end != AV_NOPTS_VALUE && dts != AV_NOPTS_VALUE && av_compare_ts(dts, base, end, AV_TIME_BASE_Q) >= 0) {
+      (video ? video_done : audio_done) = true;
+      return false;
+    }
+    return begin == AV_NOPTS_VALUE || (pts != AV_NOPTS_VALUE && av_compare_ts(pts, base, begin, AV_TIME_BASE_Q) >= 0);
+  }
+};
+
+// A time in AV_TIME_BASE units, for a positive `seconds`; past 64 bits, the largest.
+int64_t Microseconds(double seconds) {
+  return seconds < 9e12 ? static_cast<int64_t>(std::llround(seconds * AV_TIME_BASE)) : INT64_MAX;
+}
+
+// cut_per_input: seeks to the input's start and says what the cut keeps. The
+// start is the requested time, or with keyframe_start the key frame's at or
+// before it (of the video stream, else the audio stream). Also returns the
+// input's first time for continuous_times.
+OwnCut PlaceCut(const AVPACKET_FILELINK* task, const AVPACKET_LINKINFO& element, int64_t& start) {
+  AVFormatContext* input = element.pInputContext.get();
+  OwnCut cut;
+  // A bound that is not above 0 (or no number) is none.
+  if (element.dlEndTime > 0.0) cut.end = Microseconds(element.dlEndTime);
+  const auto routed = [input](int index) { return index >= 0 && static_cast<unsigned>(index) < input->nb_streams; };
+  cut.video_done = !routed(element.nVideoIndex);
+  cut.audio_done = !routed(element.nAudioIndex);
+  if (!(element.dlStartTime > 0.0)) return cut;
+  cut.begin = start = Microseconds(element.dlStartTime);
+  // Seeking also without keyframe_start: the packets before the start are not read.
+  const int stream = routed(element.nVideoIndex) ? element.nVideoIndex : element.nAudioIndex;
+  const int64_t key = routed(stream) ? quorvel::SeekToKeyFrame(input, stream, cut.begin) : AV_NOPTS_VALUE;
+  if (task->stOptions.keyframe_start && key != AV_NOPTS_VALUE) cut.begin = start = key;
+  return cut;
+}
+
 // Copies one input until it ends, fails to read, or the task is stopped.
-void CopyInput(AVPACKET_FILELINK* task, const AVPACKET_LINKINFO& element, AVPacket* packet, Timelines& timelines) {
+void CopyInput(AVPACKET_FILELINK* task, const AVPACKET_LINKINFO& element, AVPacket* packet, Timelines& timelines,
+               Joint& joint) {
   AVFormatContext* input = element.pInputContext.get();
   AVFormatContext* output = task->pOutputContext.get();
-  while (av_read_frame(input, packet) >= 0) {
+  const quorvel::TaskOptions& options = task->stOptions;
+  int64_t start = input->start_time != AV_NOPTS_VALUE ? input->start_time : 0;
+  OwnCut cut;
+  if (options.cut_per_input) cut = PlaceCut(task, element, start);
+  joint.BeginInput(start);
+  while (!(cut.video_done && cut.audio_done) && av_read_frame(input, packet) >= 0) {
     if (!task->bRunning) {
       av_packet_unref(packet);
       return;
@@ -88,21 +191,32 @@ void CopyInput(AVPACKET_FILELINK* task, const AVPACKET_LINKINFO& element, AVPack
       continue;
     }
     const AVStream* out = output->streams[out_index];
+    const bool kept = !options.cut_per_input || cut.Keeps(packet, in_time_base, timeline == &timelines.video);
 
-    timeline->Shift(packet);
     packet->stream_index = out_index;
     packet->pos = -1;
-    // Not quorvel::RescaleTimes, on purpose: av_packet_rescale_ts leaves a
-    // negative duration as it is and rescales an INT64_MAX time (which turns
-    // into AV_NOPTS_VALUE when it overflows), where RescaleTimes rescales every
-    // duration and passes INT64_MAX through. The joined output keeps the
-    // timing this family has always written.
-    av_packet_rescale_ts(packet, in_time_base, out->time_base);
-    packet->time_base = out->time_base;
+    if (options.continuous_times) {
+      ++timeline->count;
+      quorvel::RescaleTimes(packet, in_time_base, out->time_base);
+      joint.Shift(packet);
+    } else {
+      timeline->Shift(packet);
+      // Not quorvel::RescaleTimes, on purpose: av_packet_rescale_ts leaves a
+      // negative duration as it is and rescales an INT64_MAX time (which turns
+      // into AV_NOPTS_VALUE when it overflows), where RescaleTimes rescales
+      // every duration and passes INT64_MAX through. The joined output keeps
+      // the timing this family has always written.
+      av_packet_rescale_ts(packet, in_time_base, out->time_base);
+      packet->time_base = out->time_base;
+    }
     const double position = static_cast<double>(packet->pts) * av_q2d(out->time_base);
 
     // A packet the muxer refuses is dropped and the run goes on.
-    if (KeptByCut(element, position)) task->stTally.Write(output, packet, task->llBytesSeen);
+    if (options.cut_per_input ? kept : KeptByCut(element, position)) {
+      // Taken before the muxer takes the packet over.
+      if (options.continuous_times) joint.Wrote(packet);
+      task->stTally.Write(output, packet, task->llBytesSeen);
+    }
     // Numbered by the kind of the stream the packet came from, cut or not.
     const Timeline& numbering = in->codecpar->codec_type == AVMEDIA_TYPE_VIDEO ? timelines.video : timelines.audio;
     if (task->fpProgress != nullptr)
@@ -148,12 +262,13 @@ int CAVFormat_Link::AVFormat_Link_Thread(void* lpTask) {
   auto* task = static_cast<AVPACKET_FILELINK*>(lpTask);
   quorvel::Packet packet = quorvel::MakePacket();
   Timelines timelines;
+  Joint joint;
   // A stopped task still visits every remaining input, each ending at its first read.
   for (const AVPACKET_LINKINFO& element : task->pInputList) {
     if (!packet) break;
     timelines.video.BeginInput();
     timelines.audio.BeginInput();
-    CopyInput(task, element, packet.get(), timelines);
+    CopyInput(task, element, packet.get(), timelines, joint);
     timelines.audio.EndInput();
     timelines.video.EndInput();
   }

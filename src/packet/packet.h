@@ -1,7 +1,8 @@
 // Multiplexing: one output built from the streams of input files (a worker
 // thread interleaves them) or from packets that the caller writes.
 //
-// Deliberate behaviours, kept as callers rely on them:
+// Deliberate behaviours, kept as callers rely on them (the task options
+// change several of them: docs/options.md):
 //  - an input carries one stream mapping only: every packet of an input goes
 //    to the output stream of its last mapped stream, with that stream's time
 //    base; the earlier streams of a multi-stream input get output streams that

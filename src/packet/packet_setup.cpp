@@ -1,5 +1,6 @@
 // Multiplexing set-up: Init, Output, Input.
 #include <new>
+#include <string>
 #include <utility>
 
 #include "core/error.h"
@@ -24,6 +25,34 @@ bool IsCarried(const AVCodecParameters* parameters) {
   if (parameters->codec_type == AVMEDIA_TYPE_AUDIO) return true;
   return parameters->codec_type == AVMEDIA_TYPE_VIDEO && parameters->codec_id != AV_CODEC_ID_MJPEG &&
          parameters->codec_id != AV_CODEC_ID_JPEG2000;
+}
+
+// all_streams, streams: each stream that the specifier `chosen` matches (or,
+// without one, each carried stream) into an output stream of its own. No
+// stream taken, or a specifier FFmpeg can't read, is refused before any
+// stream is made.
+bool RouteEachStream(AVFormatContext* output, AVPACKET_FILE_AVINFO& element, const std::string& chosen) {
+  AVFormatContext* input = element.pInputContext.get();
+  element.vRoutes.assign(input->nb_streams, -1);
+  element.vStreamCounts.assign(input->nb_streams, 0);
+  bool any = false;
+  for (unsigned i = 0; i < input->nb_streams; ++i) {
+    AVStream* stream = input->streams[i];
+    const int match =
+        chosen.empty() ? IsCarried(stream->codecpar) : avformat_match_stream_specifier(input, stream, chosen.c_str());
+    if (match < 0) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
+    element.vRoutes[i] = match > 0 ? 0 : -1;
+    any = any || match > 0;
+  }
+  if (!any) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
+  for (unsigned i = 0; i < input->nb_streams; ++i) {
+    if (element.vRoutes[i] < 0) continue;
+    AVStream* made = nullptr;
+    if (quorvel::NewOutputStream(output, input->streams[i]->codecpar, &made) != quorvel::StreamStep::kDone)
+      return Fail(ERROR_AVFORMAT_PACKET_CODECPAR);  // streams already made stay in the output
+    element.vRoutes[i] = made->index;
+  }
+  return true;
 }
 
 }  // namespace
@@ -61,6 +90,8 @@ bool CAVFormat_Packet::AVFormat_Packet_Input(void* lpTask, const char* szUrl, AV
   if (task == nullptr || !task->bOutputReady || task->HeaderTried() || (szUrl == nullptr && fpRead == nullptr))
     return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
 
+  // The stream choice is for this Input only, whatever becomes of it.
+  const std::string chosen = std::exchange(task->stOptions.streams, std::string());
   // Built here and appended only on success; on failure its holders release
   // whatever was opened.
   AVPACKET_FILE_AVINFO element;
@@ -72,6 +103,11 @@ bool CAVFormat_Packet::AVFormat_Packet_Input(void* lpTask, const char* szUrl, AV
   AVFormatContext* input = element.pInputContext.get();
   // This family has no code of its own for it.
   if (avformat_find_stream_info(input, nullptr) < 0) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
+  if (!chosen.empty() || task->stOptions.all_streams) {
+    if (!RouteEachStream(task->pOutputContext.get(), element, chosen)) return false;
+    task->pInputList.push_back(std::move(element));
+    return true;
+  }
 
   // An input with nothing to carry would feed its packets to a stream that
   // is not its own: refused before any stream is made.

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <list>
 #include <thread>
+#include <vector>
 
 #include "Quorvel_AVFormat.h"
 #include "core/io.h"
@@ -11,13 +12,21 @@
 #include "core/report.h"
 
 // One input file and the one stream mapping that the worker uses for all of
-// its packets.
+// its packets, or (all_streams, streams) an output stream per input stream.
 struct AVPACKET_FILE_AVINFO {
   int nMediaType = 0;           // media type of the last mapped stream, for the progress callback
   int nOutputStream = 0;        // output stream of the last mapped stream
   int nInputStream = 0;         // the last mapped stream
   int64_t nPacketCount = 0;     // packets of this input handled by the worker
   AVRational stTimeBase{0, 0};  // recorded for a non-video mapping, never read
+  // Per-stream routing: the output stream of each input stream (-1: not
+  // taken) and the packets carried from each. Empty: the one mapping above.
+  std::vector<int> vRoutes;
+  std::vector<int64_t> vStreamCounts;
+  // interleave_by_time: the packet read ahead, waiting for its turn.
+  quorvel::Packet pPending;
+  bool bPending = false;
+  bool bEnded = false;  // until_all_inputs_end: this input ran out
   // Declared in this order so that the context is closed before its bridge goes.
   quorvel::BridgeIO pInputIO;
   quorvel::InputContext pInputContext;

@@ -1,0 +1,139 @@
+// Multiplexing and concatenation with the practical options against the ffmpeg tool's -c copy, read by ffprobe.
+#include <gtest/gtest.h>
+
+#include "support/caller.h"
+#include "support/fixtures.h"
+
+namespace {
+
+using namespace qtest;
+
+// libx264 with B-frames and AAC, as real files are made; a key frame each second.
+std::string Av(const std::string& name, int seconds, const std::string& tone = "sine") {
+  return Clip(name, "-f lavfi -i testsrc=size=160x120:rate=25 -f lavfi -i " + tone + " -t " + std::to_string(seconds) +
+                        " -c:v libx264 -bf 2 -g 25 -c:a aac");
+}
+
+// Per stream: its kind, packets, and span (first pts to last pts + duration) in seconds.
+struct Shape {
+  std::string type;
+  int packets = 0;
+  double first = 1e9, last = -1e9;
+};
+std::vector<Shape> Shapes(const std::string& path) {
+  const std::vector<ProbeStream> streams = ProbeStreams(path);
+  std::vector<Shape> shapes(streams.size());
+  for (const ProbeStream& stream : streams) shapes[stream.index].type = stream.codec_type;
+  for (const ProbePacket& p : ProbePackets(path)) {
+    const double base = av_q2d(streams[p.stream].time_base);
+    Shape& shape = shapes[p.stream];
+    ++shape.packets, shape.first = std::min(shape.first, p.pts * base);
+    shape.last = std::max(shape.last, (p.pts + p.duration) * base);
+  }
+  return shapes;
+}
+
+// Multiplexing with the practical preset (one option set back to 0, if named):
+// each input with its stream specifier ("" for all), against ffmpeg's -map.
+TEST(OptionsMux, PracticalMuxMatchesFFmpegMap) {
+  const std::string a = Av("mux_a.mp4", 4), b = Av("mux_b.mkv", 3, "sine=frequency=300");
+  const std::string avi =  // video packets with a decode time only, and audio
+      Clip("mux.avi", "-f lavfi -i testsrc=d=2:s=160x120 -f lavfi -i sine=d=2 -c:v mpeg4 -bf 2 -c:a mp2");
+  const struct {
+    std::vector<std::pair<std::string, std::string>> inputs;
+    std::string maps;  // ffmpeg's -map arguments for the same job; empty: Input is refused
+    std::string off = "";
+  } cases[] = {
+      {{{"v", a}, {"a", b}}, "-map 0:v -map 1:a"},
+      {{{"v", a}, {"a", b}}, "-map 0:v -map 1:a -shortest", "until_all_inputs_end"},
+      {{{"", a}}, "-map 0"},
+      {{{"a:0", a}, {"", b}}, "-map 0:a:0 -map 1"},
+      {{{"v:0", b}, {"#2", a}}, "-map 0:v:0 -map 1:#2"},
+      {{{"", avi}, {"a", b}}, "-map 0 -map 1:a"},
+      {{{"s", a}}, ""},
+  };
+  int n = 0;
+  for (const auto& job : cases) {
+    const std::string ours = TempPath("mux" + std::to_string(++n) + ".mp4"), ref = TempPath("muxref.mp4");
+    void* task = AVFormat_Packet_Init(nullptr, nullptr);
+    ASSERT_TRUE(AVFormat_Packet_SetOption(task, "mode", "practical"));
+    ASSERT_TRUE(job.off.empty() || AVFormat_Packet_SetOption(task, job.off.c_str(), "0"));
+    ASSERT_TRUE(AVFormat_Packet_Output(task, ours.c_str(), 0, 0, nullptr, nullptr));
+    bool taken = true;
+    std::string ffmpeg = QUORVEL_FFMPEG_TOOL " -v error -y";
+    for (const auto& [streams, file] : job.inputs) {
+      taken = taken && (streams.empty() || AVFormat_Packet_SetOption(task, "streams", streams.c_str())) &&
+              AVFormat_Packet_Input(task, file.c_str(), nullptr, nullptr);
+      ffmpeg += " -i " + file;
+    }
+    EXPECT_EQ(taken, !job.maps.empty()) << n;
+    if (!taken || !AVFormat_Packet_Start(task)) {
+      EXPECT_EQ(LastError(), (ErrorState{true, ERROR_AVFORMAT_PACKET_PARAMETER})) << n;
+      AVFormat_Packet_Stop(task);
+      continue;
+    }
+    bool on = true;
+    EXPECT_TRUE(WaitUntil([&] { return AVFormat_Packet_GetStatus(task, &on) && !on; }));
+    AVFormat_Packet_Stop(task);
+    ASSERT_EQ(qtest::Run(ffmpeg + " " + job.maps + " -c copy " + ref), 0) << ffmpeg;
+    const std::vector<Shape> got = Shapes(ours), want = Shapes(ref);
+    ASSERT_EQ(got.size(), want.size()) << n;
+    for (size_t i = 0; i < got.size(); ++i) {  // -shortest ends within a packet of our end
+      EXPECT_EQ(got[i].type, want[i].type) << n << " stream " << i;
+      EXPECT_NEAR(got[i].packets, want[i].packets, job.off.empty() ? 0 : 1) << n << " stream " << i;
+      EXPECT_NEAR(got[i].last - got[i].first, want[i].last - want[i].first, 0.05) << n << " stream " << i;
+    }
+  }
+}
+
+// What a file gives to a join with in and out points (0: none), by ffprobe: the packets of each stream from the
+// start (with an in point, the key frame at or before it) while their decode time is before the out point, and
+// how long that lasts (from the start to the largest end of those packets).
+void AddPart(const std::string& file, double in, double out, int packets[2], double& length) {
+  const std::vector<ProbeStream> streams = ProbeStreams(file);
+  const std::vector<ProbePacket> all = ProbePackets(file);
+  const auto seconds = [&](const ProbePacket& p, int64_t time) { return time * av_q2d(streams[p.stream].time_base); };
+  double start = 0.0, end = 0.0;
+  for (const ProbePacket& p : all)
+    if (p.stream == 0 && p.flags[0] == 'K' && seconds(p, p.pts) <= in) start = std::max(start, seconds(p, p.pts));
+  for (const ProbePacket& p : all) {
+    if ((in > 0 && seconds(p, p.pts) < start) || (out > 0 && seconds(p, p.dts) >= out)) continue;
+    ++packets[p.stream];
+    end = std::max(end, seconds(p, p.pts + p.duration));
+  }
+  length += end - start;
+}
+
+// Concatenation with the practical preset: every part joined without a loss
+// or a gap, each cut on its own timeline from a key frame; every frame decodes.
+TEST(OptionsLink, PracticalJoinKeepsEveryPartWhole) {
+  const std::string a = Av("link_a.mp4", 4), b = Av("link_b.mp4", 3, "sine=frequency=300");
+  const std::vector<std::tuple<std::string, double, double>> cases[] = {
+      {{a, 0, 0}, {b, 0, 0}, {a, 0, 0}}, {{a, 1.5, 3.0}, {b, 0.5, 2.0}}, {{b, 0, 2.2}, {a, 2.2, 0}}};
+  int n = 0;
+  for (const auto& inputs : cases) {
+    const std::string ours = TempPath("link" + std::to_string(++n) + ".mp4");
+    void* task = AVFormat_Link_Init(nullptr, nullptr);
+    ASSERT_TRUE(AVFormat_Link_SetOption(task, "mode", "practical"));
+    ASSERT_TRUE(AVFormat_Link_Output(task, ours.c_str()));
+    int packets[2] = {0, 0};  // what the parts hold
+    double length = 0.0;
+    for (const auto& [file, in, out] : inputs) {
+      EXPECT_TRUE(AVFormat_Link_Input(task, file.c_str(), in, out, 0, 1));
+      AddPart(file, in, out, packets, length);
+    }
+    ASSERT_TRUE(AVFormat_Link_Start(task));
+    bool on = true;
+    EXPECT_TRUE(WaitUntil([&] { return AVFormat_Link_GetStatus(task, &on) && !on; }));
+    AVFormat_Link_Stop(task);
+    const std::vector<Shape> got = Shapes(ours);
+    for (int i : {0, 1}) EXPECT_EQ(got.at(i).packets, packets[i]) << n << " stream " << i;
+    EXPECT_NEAR(got.at(0).last - got[0].first, length, 0.05) << n;
+    std::string decoded;  // video frames that a decoder gets out of the join
+    qtest::Run(QUORVEL_FFPROBE_TOOL " -v 0 -count_frames -show_entries stream=nb_read_frames -of csv=p=0 " + ours,
+               &decoded);
+    EXPECT_EQ(std::atoi(decoded.c_str()), got[0].packets) << n;
+  }
+}
+
+}  // namespace
