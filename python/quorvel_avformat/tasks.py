@@ -269,6 +269,26 @@ class Task:
         return report
 
 
+class _Job(Task):
+    """A job of one family, set up from its source(s) and destination."""
+
+    def __init__(
+        self,
+        src: Any,
+        dst: Any,
+        *,
+        start: float | None = None,
+        end: float | None = None,
+        format: str | None = None,
+        options: Mapping[str, object] | None = None,
+        mode: str | None = "practical",
+        progress: Progress = None,
+    ) -> None:
+        self._src, self._dst, self._format = src, dst, format
+        self._start, self._end, self._options = _seconds(start), _seconds(end), dict(options or {})
+        super().__init__(mode=mode, options=options, progress=progress)
+
+
 def _now() -> float:
     import time
 
@@ -279,38 +299,23 @@ def _seconds(value: float | None) -> float:
     return 0.0 if value is None else float(value)
 
 
-class ConvertTask(Task):
+class ConvertTask(_Job):
     """Remuxes one input into another container, optionally cut."""
 
     _family = "Convert"
 
-    def __init__(
-        self,
-        src: Source,
-        dst: Destination,
-        *,
-        start: float | None = None,
-        end: float | None = None,
-        format: str | None = None,
-        options: Mapping[str, object] | None = None,
-        mode: str | None = "practical",
-        progress: Progress = None,
-    ) -> None:
-        self._arguments = (src, dst, start, end, format)
-        super().__init__(mode=mode, options=options, progress=progress)
 
     def _setup(self) -> None:
-        src, dst, start, end, format = self._arguments
-        name, write = self._destination(dst, format)
-        self._call("Output", name, _seconds(start), _seconds(end), write, None)
-        self._call("Input", *self._source(src), None)
+        name, write = self._destination(self._dst, self._format)
+        self._call("Output", name, self._start, self._end, write, None)
+        self._call("Input", *self._source(self._src), None)
 
     def seek(self, seconds: int) -> None:
         """Moves the input's read position to whole ``seconds`` on the input's timeline."""
         self._call("Seek", int(seconds))
 
 
-class ExtractTask(Task):
+class ExtractTask(_Job):
     """Splits an input into one container per stream.
 
     ``dst`` is a sequence whose item i receives stream i, or a mapping from
@@ -321,34 +326,20 @@ class ExtractTask(Task):
     _family = "UNPack"
     _kinds = staticmethod(lambda kind: kind)
 
-    def __init__(
-        self,
-        src: Source,
-        dst: Sequence[Destination | None] | Mapping[int, Destination],
-        *,
-        start: float | None = None,
-        end: float | None = None,
-        format: str | None = None,
-        options: Mapping[str, object] | None = None,
-        mode: str | None = "practical",
-        progress: Progress = None,
-    ) -> None:
-        self._arguments = (src, dst, start, end, format)
-        super().__init__(mode=mode, options=options, progress=progress)
 
     def _setup(self) -> None:
-        src, dst, start, end, format = self._arguments
-        self._call("Input", *self._source(src), None)
+        self._call("Input", *self._source(self._src), None)
+        dst = self._dst
         if isinstance(dst, Mapping):
             dst = [dst.get(index) for index in range(max(dst, default=-1) + 1)]
         records = []
         for index, destination in enumerate(dst):
-            record = _lib.FormatInfo(dlStartTime=_seconds(start), dlEndTime=_seconds(end), nStreamIndex=index)
+            record = _lib.FormatInfo(dlStartTime=self._start, dlEndTime=self._end, nStreamIndex=index)
             if destination is None:  # the record must be there, for stream i is described by record i
                 name, write = b"matroska", self._keep(_bridge.null_writer())
                 record.nStreamIndex = -1
             else:
-                name, write = self._destination(destination, format)
+                name, write = self._destination(destination, self._format)
             if len(name) >= 264:
                 raise ValueError(f"an output name is at most 263 bytes: {name!r}")
             record.szName = name
@@ -359,35 +350,20 @@ class ExtractTask(Task):
         self._call("Output", ctypes.byref(array), len(records))
 
 
-class MuxTask(Task):
+class MuxTask(_Job):
     """Builds one container from the streams of several inputs."""
 
     _family = "Packet"
 
-    def __init__(
-        self,
-        srcs: Iterable[Source],
-        dst: Destination,
-        *,
-        start: float | None = None,
-        end: float | None = None,
-        format: str | None = None,
-        options: Mapping[str, object] | None = None,
-        mode: str | None = "practical",
-        progress: Progress = None,
-    ) -> None:
-        self._arguments = (list(srcs), dst, start, end, format)
-        super().__init__(mode=mode, options=options, progress=progress)
 
     def _setup(self) -> None:
-        srcs, dst, start, end, format = self._arguments
-        name, write = self._destination(dst, format)
-        self._call("Output", name, _seconds(start), _seconds(end), write, None)
-        for src in srcs:
+        name, write = self._destination(self._dst, self._format)
+        self._call("Output", name, self._start, self._end, write, None)
+        for src in self._src:
             self._call("Input", *self._source(src), None)
 
 
-class ConcatTask(Task):
+class ConcatTask(_Job):
     """Joins files end to end. Each item of ``srcs`` is a path, or a tuple
     (path, start, end) with that input's own cut; the output is a path, whose
     name decides the container. Each input's first video and first audio
@@ -395,30 +371,16 @@ class ConcatTask(Task):
 
     _family = "Link"
 
-    def __init__(
-        self,
-        srcs: Iterable[Any],
-        dst: Destination,
-        *,
-        start: float | None = None,
-        end: float | None = None,
-        options: Mapping[str, object] | None = None,
-        mode: str | None = "practical",
-        progress: Progress = None,
-    ) -> None:
-        self._arguments = (list(srcs), dst, start, end, dict(options or {}))
-        super().__init__(mode=mode, options=options, progress=progress)
 
     def _setup(self) -> None:
         from .packets import Demuxer
 
-        srcs, dst, start, end, options = self._arguments
-        if not _bridge.is_path(dst):
-            raise TypeError("concatenation writes to a path only")
-        self._call("Output", os.fsencode(dst))
-        input_options = {name: value for name, value in options.items() if name.startswith("input.")}
-        for item in srcs:
-            path, cut_start, cut_end = item if isinstance(item, tuple) else (item, start, end)
+        if not _bridge.is_path(self._dst) or self._format is not None:
+            raise TypeError("concatenation writes to a path only, whose name decides the container")
+        self._call("Output", os.fsencode(self._dst))
+        input_options = {name: value for name, value in self._options.items() if name.startswith("input.")}
+        for item in self._src:
+            path, cut_start, cut_end = item if isinstance(item, tuple) else (item, self._start, self._end)
             if not _bridge.is_path(path):
                 raise TypeError("concatenation reads paths only")
             with Demuxer(path, options=input_options, mode=None) as probe:
