@@ -11,6 +11,7 @@ from __future__ import annotations
 import ctypes
 import ctypes.util
 import os
+from typing import Any
 from ctypes import (
     CFUNCTYPE,
     POINTER,
@@ -23,6 +24,7 @@ from ctypes import (
     c_int32,
     c_int64,
     c_longlong,
+    c_ubyte,
     c_uint,
     c_uint32,
     c_uint64,
@@ -118,19 +120,17 @@ FUNCTIONS.update(
         "AVFormat_Convert_Seek": (c_bool, [_task, c_longlong]),
         "AVFormat_UNPack_Input": (c_bool, [_task, c_char_p, IO_FUNCTION, c_void_p]),
         "AVFormat_UNPack_Output": (c_bool, [_task, _p(_p(_p(FormatInfo))), c_int]),
-        "AVFormat_UNPack_Read": (c_bool, [_task, _p(c_int), c_void_p, _p(c_int), _p(PacketInfo), _p(TimeBase)]),
-        # The pointers of the per-packet read are passed as addresses (c_void_p), which
-        # ctypes converts fastest; they point into one reused record (see packets.py).
+        "AVFormat_UNPack_Read": (c_bool, [_task, _p(c_int), _p(c_ubyte), _p(c_int), _p(PacketInfo), _p(TimeBase)]),
         "AVFormat_UNPack_ReadSized": (
             c_bool,
-            [_task, c_void_p, c_void_p, c_int, c_void_p, c_void_p, c_void_p, c_void_p],
+            [_task, _p(c_int), _p(c_ubyte), c_int, _p(c_int), _p(c_int), _p(PacketInfo), _p(TimeBase)],
         ),
         "AVFormat_UNPack_Seek": (c_bool, [_task, c_int, c_ulonglong]),
         "AVFormat_UNPack_GetAVCodec": (c_bool, [_task, c_int, _p(c_void_p), _p(TimeBase)]),
         "AVFormat_Packet_Output": (c_bool, [_task, c_char_p, c_double, c_double, IO_FUNCTION, c_void_p]),
         "AVFormat_Packet_Input": (c_bool, [_task, c_char_p, IO_FUNCTION, c_void_p]),
         "AVFormat_Packet_StreamCreate": (c_bool, [_task, c_void_p]),
-        "AVFormat_Packet_StreamWrite": (c_bool, [_task, c_int, c_void_p, c_int, c_void_p, c_void_p]),
+        "AVFormat_Packet_StreamWrite": (c_bool, [_task, c_int, _p(c_ubyte), c_int, _p(TimeBase), _p(PacketInfo)]),
         "AVFormat_Link_Output": (c_bool, [_task, c_char_p]),
         "AVFormat_Link_Input": (c_bool, [_task, c_char_p, c_double, c_double, c_int, c_int]),
     }
@@ -194,6 +194,15 @@ present = declare(lib)
 is_error_occur = c_bool.in_dll(lib, "AVForamt_IsErrorOccur")
 error_code = c_uint64.in_dll(lib, "AVForamt_dwErrorCode")
 #: The C library's free(), for the codec-parameter copies that GetAVCodec hands out.
+def untyped(name: str) -> Any:
+    """A second handle on a function, without argument types: for the per-packet
+    calls, whose arguments are ctypes objects made once (no conversion per call,
+    which halves ctypes' cost of an eight-argument call)."""
+    function = lib._FuncPtr((name, lib))
+    function.restype = FUNCTIONS[name][0]
+    return function
+
+
 libc_free = ctypes.CDLL(None).free
 libc_free.argtypes, libc_free.restype = [c_void_p], None
 

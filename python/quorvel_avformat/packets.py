@@ -67,11 +67,26 @@ class Stream:
         return f"<Stream {self.index} {self.type} {self.codec_name} time_base={self.time_base}>"
 
 
+# What one ReadSized call fills beside the packet's bytes, in one record: the
+# packet's info (pts, dts, duration), its time base, stream index, size and
+# flags. A Packet keeps a copy of it and unpacks a field when it is asked for.
+_META = struct.Struct("=qqqiiiiii")
+_INFO, _TIME_BASE, _STREAM, _SIZE, _FLAGS = 0, 24, 32, 36, 40
+_time_bases: dict[tuple[int, int], Fraction] = {}
+
+
+def _fraction(num: int, den: int) -> Fraction:
+    fraction = _time_bases.get((num, den))
+    if fraction is None:
+        fraction = _time_bases[num, den] = Fraction(num, den or 1)
+    return fraction
+
+
 class Packet:
     """One packet: its stream, bytes and times (``None`` where unknown), in
     ticks of ``time_base``."""
 
-    __slots__ = ("stream", "data", "_pts", "_dts", "duration", "time_base", "flags")
+    __slots__ = ("stream", "data", "_meta")
 
     def __init__(
         self,
@@ -84,27 +99,44 @@ class Packet:
         time_base: Fraction = Fraction(1, 1000),
         is_keyframe: bool = False,
     ) -> None:
-        self.stream, self.data, self.duration, self.time_base = stream, bytes(data), duration, time_base
-        self._pts = _NOPTS if pts is None else pts
-        self._dts = _NOPTS if dts is None else dts
-        self.flags = _lib.PKT_FLAG_KEY if is_keyframe else 0
+        self.stream, self.data = stream, bytes(data)
+        time_base = Fraction(time_base)
+        self._meta = _META.pack(
+            _NOPTS if pts is None else pts, _NOPTS if dts is None else dts, duration,
+            time_base.numerator, time_base.denominator, 0, len(data), _lib.PKT_FLAG_KEY if is_keyframe else 0, 0,
+        )
 
     @property
     def pts(self) -> int | None:
-        return None if self._pts == _NOPTS else self._pts
+        pts = _META.unpack_from(self._meta)[0]
+        return None if pts == _NOPTS else pts
 
     @property
     def dts(self) -> int | None:
-        return None if self._dts == _NOPTS else self._dts
+        dts = _META.unpack_from(self._meta)[1]
+        return None if dts == _NOPTS else dts
+
+    @property
+    def duration(self) -> int:
+        return _META.unpack_from(self._meta)[2]
+
+    @property
+    def time_base(self) -> Fraction:
+        return _fraction(*_META.unpack_from(self._meta)[3:5])
 
     @property
     def pts_time(self) -> float | None:
         """The presentation time in seconds."""
-        return None if self._pts == _NOPTS else float(self._pts * self.time_base)
+        pts = self.pts
+        return None if pts is None else float(pts * self.time_base)
 
     @property
     def stream_index(self) -> int:
         return self.stream if isinstance(self.stream, int) else self.stream.index
+
+    @property
+    def flags(self) -> int:
+        return _META.unpack_from(self._meta)[7]
 
     @property
     def is_keyframe(self) -> bool:
@@ -127,12 +159,6 @@ class Packet:
             f"<Packet stream={self.stream_index} size={len(self.data)} pts={self.pts} dts={self.dts} "
             f"duration={self.duration} time_base={self.time_base}{' key' if self.is_keyframe else ''}>"
         )
-
-
-# What one ReadSized call fills: the packet's info (pts, dts, duration), its
-# time base, stream index, size and flags, in one record that one unpack reads.
-_META = struct.Struct("=qqqiiiii")
-_INFO, _TIME_BASE, _STREAM, _SIZE, _FLAGS = 0, 24, 32, 36, 40
 
 
 class Demuxer(Task):
@@ -173,40 +199,36 @@ class Demuxer(Task):
 
     def packets(self) -> Iterator[Packet]:
         """Every packet of the input from the current position, in the input's order."""
-        read, last_error_code = _lib.lib.AVFormat_UNPack_ReadSized, _lib.lib.AVFormat_GetLastError
-        unpack, string_at, new = _META.unpack_from, ctypes.string_at, Packet.__new__
-        streams, fractions = self.streams, {}
-        meta = self._meta
-        base = ctypes.addressof(meta)
-        info, time_base, stream, size, flags = (base + offset for offset in (_INFO, _TIME_BASE, _STREAM, _SIZE, _FLAGS))
-        state = self._state
-        buffer = self._buffer
-        data, capacity = ctypes.addressof(buffer), len(buffer)
+        # One ReadSized per packet into one reused record and buffer, whose
+        # addresses are made into ctypes objects once; a packet costs the call,
+        # two copies (its record and its bytes, by slicing: ctypes.string_at is
+        # a foreign call of its own, four times slower) and one object.
+        read, new, meta = _lib.untyped("AVFormat_UNPack_ReadSized"), Packet.__new__, self._meta
+        streams, count, state = self.streams, len(self.streams), self._state
+        base = ctypes.addressof(self._meta)
+        stream, size = ctypes.c_int.from_address(base + _STREAM), ctypes.c_int.from_address(base + _SIZE)
+        handle = ctypes.c_void_p(state.handle)
+        pointers = [ctypes.c_void_p(base + offset) for offset in (_STREAM, _SIZE, _FLAGS, _INFO, _TIME_BASE)]
         while True:
-            handle = state.handle
-            if handle is None:
-                return
-            if read(handle, stream, data, capacity, size, flags, info, time_base):
-                pts, dts, duration, num, den, index, length, packet_flags = unpack(meta)
+            buffer = self._buffer
+            data, capacity = ctypes.addressof(buffer), ctypes.c_int(len(buffer))
+            arguments = (handle, pointers[0], ctypes.c_void_p(data), capacity, *pointers[1:])
+            while state.handle is not None and read(*arguments):
                 packet = new(Packet)
-                packet.stream = streams[index] if index < len(streams) else index
-                packet.data = string_at(data, length)
-                packet._pts, packet._dts, packet.duration, packet.flags = pts, dts, duration, packet_flags
-                key = num << 32 | den
-                fraction = fractions.get(key)
-                if fraction is None:
-                    fraction = fractions[key] = Fraction(num, den or 1)
-                packet.time_base = fraction
+                index = stream.value
+                packet.stream = streams[index] if index < count else index
+                packet.data = buffer[: size.value]
+                packet._meta = meta.raw
                 yield packet
-                continue
-            code = last_error_code(None)
+            if state.handle is None:
+                return
+            code = _lib.lib.AVFormat_GetLastError(None)
             if code == _ERROR_READ:
                 return
             if code != _ERROR_BUFFERSIZE:
                 raise error_class(code)(code, "AVFormat_UNPack_ReadSized")
             # The packet is kept by the library: grow to its size and read it again.
-            self._buffer = buffer = ctypes.create_string_buffer(max(_META.unpack_from(meta)[6], 2 * capacity))
-            data, capacity = ctypes.addressof(buffer), len(buffer)
+            self._buffer = ctypes.create_string_buffer(max(size.value, 2 * capacity.value))
 
     def __iter__(self) -> Iterator[Packet]:
         return self.packets()
@@ -253,6 +275,9 @@ class Muxer(Task):
         self.streams: list[OutputStream] = []
         self._by_input: dict[int, OutputStream] = {}
         self._meta = ctypes.create_string_buffer(_META.size)
+        base = ctypes.addressof(self._meta)
+        self._pointers = (ctypes.c_void_p(base + _TIME_BASE), ctypes.c_void_p(base + _INFO))
+        self._write = _lib.untyped("AVFormat_Packet_StreamWrite")
 
     def add_stream(self, codec_parameters: CodecParameters | Stream, time_base: Fraction | None = None) -> OutputStream:
         """Adds an output stream described by an input stream (or its codec
@@ -278,17 +303,12 @@ class Muxer(Task):
             index = found.index if found is not None else packet.stream_index
         else:
             index = stream if isinstance(stream, int) else stream.index
-        time_base = packet.time_base
-        meta = self._meta
-        _META.pack_into(
-            meta, 0, packet._pts, packet._dts, packet.duration, time_base.numerator, time_base.denominator, 0, 0, 0
-        )
-        base = ctypes.addressof(meta)
-        data = packet.data
         handle = self._state.handle
         if handle is None:
             raise ParameterError(0, "AVFormat_Packet_StreamWrite", "the muxer has been closed")
-        if not _lib.lib.AVFormat_Packet_StreamWrite(handle, index, data, len(data), base + _TIME_BASE, base + _INFO):
+        ctypes.memmove(self._meta, packet._meta, 32)  # the packet's info and time base
+        data = packet.data
+        if not self._write(ctypes.c_void_p(handle), index, data, len(data), *self._pointers):
             raise last_error("AVFormat_Packet_StreamWrite")
 
     def close(self) -> Any:
