@@ -9,7 +9,7 @@ from typing import Any, Callable
 import pytest
 
 import quorvel_avformat as q
-from conftest import probe
+from conftest import matches, probe
 
 AV, STREAMS = "video:50,audio:88", ("video:50", "audio:88")
 
@@ -32,8 +32,7 @@ def test_family_writes_what_ffprobe_reads(clips: Path, tmp_path: Path, run: Call
     report = run(clips, tmp_path)
     assert report.packets_written > 0 and report.trailer_written and report.failed_write == 0
     for name, expected in outputs.items():
-        found = probe(tmp_path / name)
-        assert found == expected or (expected.endswith("*") and found.startswith(expected[:-1])), name
+        assert matches(probe(tmp_path / name), expected), name
 
 
 def test_file_objects_both_ways(clips: Path, tmp_path: Path) -> None:
