@@ -35,8 +35,9 @@ def reader(source: Any, fail: Callable[[BaseException], None]) -> Any:
                 count = into((ctypes.c_char * size).from_address(buffer))
             else:
                 data = read(size)
-                count = len(data)
-                ctypes.memmove(buffer, data, count)
+                count = None if data is None else len(data)
+                if count is not None and count <= size:
+                    ctypes.memmove(buffer, data, count)
             if count is None:
                 raise BlockingIOError("the file object has no data ready (non-blocking)")
             if count > size:

@@ -5,6 +5,7 @@ from __future__ import annotations
 import ctypes
 import os
 import threading
+import time
 import weakref
 from dataclasses import dataclass
 from typing import Any, Callable, Iterable, Mapping, Sequence
@@ -222,9 +223,9 @@ class Task:
         An exception raised in a progress or I/O callback stops the task and is
         raised here."""
         state = self._state
-        deadline = None if timeout is None else _now() + timeout
+        deadline = None if timeout is None else time.monotonic() + timeout
         while state.running():
-            left = _POLL_SECONDS if deadline is None else min(_POLL_SECONDS, deadline - _now())
+            left = _POLL_SECONDS if deadline is None else min(_POLL_SECONDS, deadline - time.monotonic())
             if left <= 0:
                 return False
             state.failed.wait(left)
@@ -287,12 +288,6 @@ class _Job(Task):
         self._src, self._dst, self._format = src, dst, format
         self._start, self._end, self._options = _seconds(start), _seconds(end), dict(options or {})
         super().__init__(mode=mode, options=options, progress=progress)
-
-
-def _now() -> float:
-    import time
-
-    return time.monotonic()
 
 
 def _seconds(value: float | None) -> float:
