@@ -9,9 +9,9 @@ is imported.
 from __future__ import annotations
 
 import ctypes
-import ctypes.util
+import functools
 import os
-from typing import Any
+from typing import Any, Iterator
 from ctypes import (
     CFUNCTYPE,
     POINTER,
@@ -145,12 +145,18 @@ OPTIONAL_FUNCTIONS = {
 VARIABLES = {"AVForamt_IsErrorOccur": c_bool, "AVForamt_dwErrorCode": c_uint64}
 
 
-def _candidates() -> list[str]:
+def _candidates() -> Iterator[str]:
     given = os.environ.get(ENVIRONMENT_VARIABLE)
     if given:
-        return [given]
+        yield given
+        return
+    yield SONAME
+    # find_library runs ldconfig (and a compiler): only when the soname did not load
+    import ctypes.util
+
     found = ctypes.util.find_library("Quorvel_AVFormat")
-    return [name for name in dict.fromkeys([SONAME, found]) if name]
+    if found and found != SONAME:
+        yield found
 
 
 def load() -> ctypes.CDLL:
@@ -207,22 +213,28 @@ libc_free = ctypes.CDLL(None).free
 libc_free.argtypes, libc_free.restype = [c_void_p], None
 
 
-def _find_avcodec() -> ctypes.CDLL | None:
-    """The libavcodec that the library itself loaded (for codec names), else the system's."""
+def _loaded_avcodec() -> Iterator[str]:
+    """The libavcodec that the library itself loaded, else the system's."""
     try:
         with open("/proc/self/maps", encoding="utf-8", errors="replace") as maps:
-            paths = [line.split(None, 5)[-1].strip() for line in maps if "libavcodec.so" in line]
+            yield from dict.fromkeys(line.split(None, 5)[-1].strip() for line in maps if "libavcodec.so" in line)
     except OSError:
-        paths = []
-    for path in dict.fromkeys(paths + [ctypes.util.find_library("avcodec") or ""]):
+        pass
+    import ctypes.util
+
+    found = ctypes.util.find_library("avcodec")
+    if found:
+        yield found
+
+
+@functools.cache
+def avcodec() -> ctypes.CDLL | None:
+    """libavcodec, for codec names; looked for on first use."""
+    for path in _loaded_avcodec():
         try:
-            avcodec = ctypes.CDLL(path) if path else None
+            library = ctypes.CDLL(path)
         except OSError:
             continue
-        if avcodec is not None:
-            avcodec.avcodec_get_name.restype, avcodec.avcodec_get_name.argtypes = c_char_p, [c_int]
-            return avcodec
+        library.avcodec_get_name.restype, library.avcodec_get_name.argtypes = c_char_p, [c_int]
+        return library
     return None
-
-
-avcodec = _find_avcodec()

@@ -38,9 +38,10 @@ class CodecParameters:
 
     @property
     def name(self) -> str:
-        if _lib.avcodec is None:
+        avcodec = _lib.avcodec()
+        if avcodec is None:
             return "unknown"
-        return (_lib.avcodec.avcodec_get_name(self.codec_id) or b"unknown").decode()
+        return (avcodec.avcodec_get_name(self.codec_id) or b"unknown").decode()
 
     def __del__(self) -> None:
         _lib.libc_free(self._address)  # a shallow copy: free() alone, never avcodec_parameters_free()
@@ -208,27 +209,31 @@ class Demuxer(Task):
         base = ctypes.addressof(self._meta)
         stream, size = ctypes.c_int.from_address(base + _STREAM), ctypes.c_int.from_address(base + _SIZE)
         handle = ctypes.c_void_p(state.handle)
+        state.copies.append(handle)
         pointers = [ctypes.c_void_p(base + offset) for offset in (_STREAM, _SIZE, _FLAGS, _INFO, _TIME_BASE)]
-        while True:
-            buffer = self._buffer
-            data, capacity = ctypes.addressof(buffer), ctypes.c_int(len(buffer))
-            arguments = (handle, pointers[0], ctypes.c_void_p(data), capacity, *pointers[1:])
-            while state.handle is not None and read(*arguments):
-                packet = new(Packet)
-                index = stream.value
-                packet.stream = streams[index] if index < count else index
-                packet.data = buffer[: size.value]
-                packet._meta = meta.raw
-                yield packet
-            if state.handle is None:
-                return
-            code = _lib.lib.AVFormat_GetLastError(None)
-            if code == _ERROR_READ:
-                return
-            if code != _ERROR_BUFFERSIZE:
-                raise error_class(code)(code, "AVFormat_UNPack_ReadSized")
-            # The packet is kept by the library: grow to its size and read it again.
-            self._buffer = ctypes.create_string_buffer(max(size.value, 2 * capacity.value))
+        try:
+            while True:
+                buffer = self._buffer
+                data, capacity = ctypes.addressof(buffer), ctypes.c_int(len(buffer))
+                arguments = (handle, pointers[0], ctypes.c_void_p(data), capacity, *pointers[1:])
+                while read(*arguments):
+                    packet = new(Packet)
+                    index = stream.value
+                    packet.stream = streams[index] if index < count else index
+                    packet.data = buffer[: size.value]
+                    packet._meta = meta.raw
+                    yield packet
+                if state.handle is None:
+                    return
+                code = _lib.lib.AVFormat_GetLastError(None)
+                if code == _ERROR_READ:
+                    return
+                if code != _ERROR_BUFFERSIZE:
+                    raise error_class(code)(code, "AVFormat_UNPack_ReadSized")
+                # The packet is kept by the library: grow to its size and read it again.
+                self._buffer = ctypes.create_string_buffer(max(size.value, 2 * capacity.value))
+        finally:
+            state.copies.remove(handle)
 
     def __iter__(self) -> Iterator[Packet]:
         return self.packets()

@@ -7,8 +7,7 @@ import os
 import threading
 import time
 import weakref
-from dataclasses import dataclass
-from typing import Any, Callable, Iterable, Mapping, Sequence
+from typing import Any, Callable, Iterable, Mapping, NamedTuple, Sequence
 
 from . import _bridge, _lib
 from ._bridge import Destination, Progress, Source
@@ -19,8 +18,7 @@ _POLL_SECONDS = 0.002
 _inside_callback = threading.local()
 
 
-@dataclass(frozen=True)
-class TaskReport:
+class TaskReport(NamedTuple):
     """What a task did (AVFORMAT_TASK_REPORT)."""
 
     write_error: int
@@ -65,6 +63,9 @@ class _State:
         self.failed = threading.Event()
         self.error: BaseException | None = None
         self.keep: list[object] = []
+        # Copies of the handle that per-packet loops pass to the library; set to
+        # NULL when the task stops, so that a loop's next call fails cleanly.
+        self.copies: list[ctypes.c_void_p] = []
         self.closers: list[Callable[[], object]] = []
         self.bar = _bridge.Bar(family) if progress is True else None
         callback = self.bar if self.bar is not None else progress
@@ -132,6 +133,8 @@ class _State:
         """Stops the task (once), and closes what the task opened."""
         with self.lock:
             handle, self.handle = self.handle, None
+            for copy in self.copies:
+                copy.value = None
         report = None
         if handle is not None:
             record = _record()

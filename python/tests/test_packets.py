@@ -32,7 +32,10 @@ def test_seek_lands_on_a_key_frame(clips: Path) -> None:
         first = next(demuxer.packets())
         assert first.is_keyframe and 29.0 <= first.pts_time <= 30.0
         demuxer.seek(10_000_000)  # microseconds
-        assert next(iter(demuxer)).pts_time == pytest.approx(10.0, abs=1.0)
+        packets = iter(demuxer)
+        assert next(packets).pts_time == pytest.approx(10.0, abs=1.0)
+        demuxer.close()  # a loop over a closed demuxer ends
+        assert list(packets) == [] and demuxer._state.copies == []
 
 
 @pytest.mark.parametrize("source", ["path", "file object"])
