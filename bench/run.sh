@@ -46,11 +46,14 @@ build=${QUORVEL_BENCH_BUILD:-$root/build-bench}
 log() { printf '%s\n' "$*" >&2; }
 
 # ---------------------------------------------------------------- build
-if [ "$mode" = instructions ]; then "$root/scripts/setup-debian.sh" valgrind; else "$root/scripts/setup-debian.sh"; fi
+if [ "$mode" = instructions ]; then "$root/scripts/setup-debian.sh" valgrind; else "$root/scripts/setup-debian.sh" python3-av; fi
 cmake -S "$root" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DQUORVEL_BUILD_BENCH=ON \
   -DQUORVEL_BUILD_TESTS=OFF -DQUORVEL_BUILD_EXAMPLES=OFF >/dev/null
 cmake --build "$build" -j "$(nproc)" >/dev/null
 bin=$build/bench
+# The Python rows: the package in python/ on the library just built, with Debian's Python.
+export QUORVEL_AVFORMAT_LIBRARY=$build/libQuorvel_AVFormat.so PYTHONPATH=$root/python
+PY=(/usr/bin/python3 "$root/bench/python_jobs.py")
 
 # ---------------------------------------------------------------- fixtures
 # A short MPEG-4 720p + AAC segment is encoded once and copied end to end with
@@ -145,7 +148,8 @@ trap 'rm -rf "$out" "$results"' EXIT
 
 # ---------------------------------------------------------------- contenders
 # add JOB KIND LABEL -- COMMAND...  (KIND: bare, lib, ffmpeg, or ref for a
-# reference row that no target is judged against). A command writes its
+# reference row that no target is judged against; py for the Python package,
+# judged against its job's pyav row (PyAV), else its lib row). A command writes its
 # outputs as $out/<id>.*; "-o" before "--" sends its standard output to a file.
 ids=() jobs=() kinds=() labels=() commands=() stdouts=()
 add() {
@@ -164,6 +168,7 @@ o=$out
 job=convert  # conversion, no cut
 add $job bare "bare loop" -- "$bin/bare_remux" "$F/big.mp4" "$o/$job.bare.mkv"
 add $job lib "library" -- "$bin/lib_convert" "$F/big.mp4" "$o/$job.lib.mkv"
+add $job py "Python convert()" -- "${PY[@]}" convert "$F/big.mp4" "$o/$job.py.mkv"
 add $job ffmpeg "ffmpeg -c copy" -- "${FF[@]}" -i "$F/big.mp4" -map 0 -c copy "$o/$job.ffmpeg.mkv"
 
 job=cut  # conversion with a cut
@@ -189,6 +194,8 @@ job=pull  # every packet handed to the caller
 add $job bare "bare loop, bytes copied out" -- "$bin/bare_pull" -c "$F/big.mp4"
 add $job ref "bare loop, zero-copy" -- "$bin/bare_pull" "$F/big.mp4"
 add $job lib "library Read" -- "$bin/lib_pull" "$F/big.mp4"
+add $job py "Python Demuxer.packets()" -- "${PY[@]}" pull "$F/big.mp4"
+add $job pyav "PyAV container.demux()" -- "${PY[@]}" pyav-pull "$F/big.mp4"
 add $job ffmpeg "ffmpeg -f null" -- "${FF[@]}" -i "$F/big.mp4" -map 0 -c copy -f null -
 
 job=mux  # two single-stream files into one
@@ -246,6 +253,8 @@ job=heavy-pull
 add $job bare "bare loop, bytes copied out" -- "$bin/bare_pull" -c "$H"
 add $job ref "bare loop, zero-copy" -- "$bin/bare_pull" "$H"
 add $job lib "library Read" -- "$bin/lib_pull" "$H"
+add $job py "Python Demuxer.packets()" -- "${PY[@]}" pull "$H"
+add $job pyav "PyAV container.demux()" -- "${PY[@]}" pyav-pull "$H"
 add $job ffmpeg "ffmpeg -f null" -- "${FF[@]}" -i "$H" -map 0 -c copy -f null -
 job=heavy-mux
 add $job bare "bare loop" -- "$bin/bare_mux" "$o/$job.bare.mkv" "$F/heavy1.mkv" "$F/heavy2.mkv"
@@ -404,6 +413,8 @@ table=$results/table.md
     {
       n++; job[n] = $1; kind[n] = $2; med[n] = $3; peak[n] = $4; bytes[n] = $5; st[n] = $6; label[n] = $7
       if ($2 == "bare") bare[$1] = $3
+      if ($2 == "lib") lib[$1] = $3
+      if ($2 == "pyav") pyav[$1] = $3
       if ($2 == "ffmpeg") { ff[$1] = $3; ffpeak[$1] = $4 }
       if ($2 ~ /-seq$/) seq[substr($2, 1, length($2) - 4)] = $3
       if ($2 ~ /-par$/) par[substr($2, 1, length($2) - 4)] = $3
@@ -429,7 +440,13 @@ table=$results/table.md
           verdict = missed == "" ? "met" : "MISSED" missed
           if (heavyjob && bare[job[i]] != "-")
             verdict = verdict sprintf(" (%+.0f ns/packet vs bare)", (med[i] - bare[job[i]]) * 1e9 / packets_of(job[i]))
-        } else if (kind[i] == "ref") {
+        } else if (kind[i] == "py" && st[i] == "ok") {
+          # Python: against PyAV where it has a row, else against the C program
+          against = (job[i] in pyav) ? "PyAV" : "C"; limit = against == "PyAV" ? 1.00 : 1.02
+          r = ratio(med[i], against == "PyAV" ? pyav[job[i]] : lib[job[i]])
+          verdict = sprintf("%s x %s", r, against)
+          if (judge && r != "-") verdict = verdict (r + 0 <= limit ? " met" : sprintf(" MISSED (> %.2f)", limit))
+        } else if (kind[i] == "ref" || kind[i] == "pyav") {
           verdict = "reference"
         }
         printf "| %s | %s | %s | %s | %s | %s | %s | %s | %s |\n", job[i], label[i], time,

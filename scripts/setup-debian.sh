@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(build-essential cmake pkg-config libavformat-dev libavcodec-dev libavutil-dev
           libgtest-dev ffmpeg xz-utils
-          libcli11-dev nlohmann-json3-dev libfmt-dev dpkg-dev "$@")
+          libcli11-dev nlohmann-json3-dev libfmt-dev dpkg-dev python3-pytest "$@")
 
 missing=()
 for package in "${packages[@]}"; do
