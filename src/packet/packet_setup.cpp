@@ -30,8 +30,9 @@ bool IsCarried(const AVCodecParameters* parameters) {
 // all_streams, streams: each stream that the specifier `chosen` matches (or,
 // without one, each carried stream) into an output stream of its own. No
 // stream taken, or a specifier FFmpeg can't read, is refused before any
-// stream is made.
-bool RouteEachStream(AVFormatContext* output, AVPACKET_FILE_AVINFO& element, const std::string& chosen) {
+// stream is made. `keep_tag` as for NewOutputStream.
+bool RouteEachStream(AVFormatContext* output, AVPACKET_FILE_AVINFO& element, const std::string& chosen,
+                     bool keep_tag) {
   AVFormatContext* input = element.pInputContext.get();
   element.vRoutes.assign(input->nb_streams, -1);
   element.vStreamCounts.assign(input->nb_streams, 0);
@@ -48,7 +49,7 @@ bool RouteEachStream(AVFormatContext* output, AVPACKET_FILE_AVINFO& element, con
   for (unsigned i = 0; i < input->nb_streams; ++i) {
     if (element.vRoutes[i] < 0) continue;
     AVStream* made = nullptr;
-    if (quorvel::NewOutputStream(output, input->streams[i]->codecpar, &made) != quorvel::StreamStep::kDone)
+    if (quorvel::NewOutputStream(output, input->streams[i]->codecpar, keep_tag, &made) != quorvel::StreamStep::kDone)
       return Fail(ERROR_AVFORMAT_PACKET_CODECPAR);  // streams already made stay in the output
     element.vRoutes[i] = made->index;
   }
@@ -104,7 +105,7 @@ bool CAVFormat_Packet::AVFormat_Packet_Input(void* lpTask, const char* szUrl, AV
   // This family has no code of its own for it.
   if (avformat_find_stream_info(input, nullptr) < 0) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
   if (!chosen.empty() || task->stOptions.all_streams) {
-    if (!RouteEachStream(task->pOutputContext.get(), element, chosen)) return false;
+    if (!RouteEachStream(task->pOutputContext.get(), element, chosen, task->stOptions.keep_codec_tag)) return false;
     task->pInputList.push_back(std::move(element));
     return true;
   }
