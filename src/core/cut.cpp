@@ -32,6 +32,12 @@ void Cut::SeekToStart(AVFormatContext* input, std::mutex& input_lock, double sta
   const double target = start * AV_TIME_BASE;
   if (!(target < 9.2e18)) return;
   const auto ticks = static_cast<int64_t>(target);
+  // A start at or past the input's end has no key frame before it to begin
+  // at: without a landing, only packets that reach the start are kept, none.
+  if (input->duration != AV_NOPTS_VALUE && input->duration > 0) {
+    const int64_t first = input->start_time != AV_NOPTS_VALUE ? input->start_time : 0;
+    if (first <= INT64_MAX - input->duration && ticks >= first + input->duration) return;
+  }
   const std::lock_guard<std::mutex> lock(input_lock);
   // Any position up to the start: the demuxer takes the key frame at or before it.
   landed_ = avformat_seek_file(input, -1, INT64_MIN, ticks, ticks, 0) >= 0;
