@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <memory>
+#include <deque>
 #include <random>
 #include <thread>
 
@@ -21,73 +21,69 @@ std::string LoadClip(Family family) {
   return Clip("load.mkv", "-f lavfi -i testsrc=d=6:s=64x48:r=25 -f lavfi -i sine=d=6 -c:v mpeg4 -c:a aac");
 }
 
-// A task with a random delay in its progress calls, writing MPEG-TS, NUT or
-// Matroska; all but concatenation may read or write through caller functions.
-struct Job {
-  Job(Family family, int index, unsigned dice)
-      : reader(ReadFile(LoadClip(family))), task(family, std::chrono::microseconds(dice % 3000)) {
-    const bool caller_io = family != Family::kLink;
-    source = caller_io && dice / 3000 % 3 == 0 ? Source{"", &reader} : Source{LoadClip(family)};
-    sink = caller_io && dice / 9000 % 3 == 0
-               ? Sink{"matroska", &writer}
-               : Sink{TempPath("load-" + std::to_string(index) + (index % 3 ? ".nut" : ".ts"))};
-  }
-  MemoryReader reader;
-  MemoryWriter writer;
-  Source source;
-  Sink sink;
-  AnyTask task;
-  bool ended = false;  // GetStatus saw the worker end by itself
-};
-
-// Four threads start nine jobs each, then pause, resume, poll or stop one of
-// theirs at random until all are stopped, which a deadline of 10 s ensures.
+// Four threads start nine tasks each (a random delay in every progress call;
+// MPEG-TS, NUT or Matroska; all but concatenation may read or write through
+// caller functions), then pause, resume, poll or stop one of theirs at random
+// until all are stopped, which a deadline of 10 s ensures. A task that ended
+// by itself carried its whole input (a demultiplexing output holds stream 0
+// only); every reported packet is in the output, and so is the trailer (an
+// MPEG-TS output without packets holds nothing: its tables come with the
+// first packet).
 TEST(Load, ManyTasksOfEveryFamilyPausedResumedAndStoppedAtRandom) {
   const char* fixed = std::getenv("QUORVEL_LOAD_DICE");
   const unsigned start = fixed != nullptr ? std::strtoul(fixed, nullptr, 10) : std::random_device{}();
   std::cout << "dice " << start << " (set QUORVEL_LOAD_DICE to repeat this run)\n";
   std::mt19937 dice(start);
-  std::vector<std::unique_ptr<Job>> jobs;
-  for (int i = 0; i < 36; ++i) jobs.push_back(std::make_unique<Job>(kFamilies[i % 4], i, dice()));
+  constexpr size_t kTasks = 36;
+  std::deque<AnyTask> tasks;
+  std::deque<MemoryReader> readers;
+  std::deque<MemoryWriter> writers(kTasks);
+  std::vector<Source> sources;
+  std::vector<Sink> sinks;
+  std::vector<char> ended(kTasks);
+  for (size_t i = 0; i < kTasks; ++i) {
+    const Family family = kFamilies[i % 4];
+    const unsigned roll = dice();
+    tasks.emplace_back(family, std::chrono::microseconds(roll % 3000));
+    readers.emplace_back(ReadFile(LoadClip(family)));
+    const bool caller_io = family != Family::kLink;
+    sources.push_back(caller_io && roll / 3000 % 3 == 0 ? Source{"", &readers[i]} : Source{LoadClip(family)});
+    sinks.push_back(caller_io && roll / 9000 % 3 == 0
+                        ? Sink{"matroska", &writers[i]}
+                        : Sink{TempPath("load-" + std::to_string(i) + (i % 3 ? ".nut" : ".ts"))});
+  }
   std::vector<std::thread> drivers;
-  for (int t = 0; t < 4; ++t)
-    drivers.emplace_back([&jobs, t, seed = dice()] {
+  for (size_t t = 0; t < 4; ++t)
+    drivers.emplace_back([&, t, seed = dice()] {
       std::mt19937 dice(seed);
-      std::vector<Job*> live;
-      for (size_t i = t; i < jobs.size(); i += 4) live.push_back(jobs[i].get());
-      for (Job* job : live) EXPECT_TRUE(job->task.Reach(Stage::kSetUp, {job->source}, job->sink) && job->task.Start());
-      const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-      while (!live.empty()) {
-        const size_t pick = dice() % live.size();
+      std::vector<size_t> live;
+      for (size_t i = t; i < kTasks; i += 4) live.push_back(i);
+      for (size_t i : live) EXPECT_TRUE(tasks[i].Reach(Stage::kSetUp, {sources[i]}, sinks[i]) && tasks[i].Start());
+      for (const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10); !live.empty();) {
+        const size_t pick = dice() % live.size(), i = live[pick];
         const unsigned action = dice() % 10;
         if (action == 0 || std::chrono::steady_clock::now() > deadline) {
-          EXPECT_TRUE(live[pick]->task.Stop());
+          EXPECT_TRUE(tasks[i].Stop());
           live.erase(live.begin() + static_cast<long>(pick));
-        } else if (action <= 3) {
-          EXPECT_TRUE(live[pick]->task.Suspend(action <= 2));
         } else {
-          live[pick]->ended = live[pick]->ended || !live[pick]->task.Running();
+          EXPECT_TRUE(action > 3 || tasks[i].Suspend(action <= 2));
+          ended[i] = ended[i] || (action > 3 && !tasks[i].Running());
         }
         std::this_thread::sleep_for(std::chrono::milliseconds(dice() % 20));
       }
     });
   for (std::thread& driver : drivers) driver.join();
   size_t checked = 0;
-  for (const auto& job : jobs) {
-    const Family family = job->task.family;
-    const size_t reported = job->task.log.Count();
-    SCOPED_TRACE(std::string(Name(family)) + " writing " + job->sink.name);
-    // A task that ended by itself carried its whole input, pauses or not; a
-    // demultiplexing output holds stream 0 only.
-    const auto all = job->ended ? ProbePackets(LoadClip(family)) : std::vector<ProbePacket>{};
-    EXPECT_TRUE(!job->ended || reported == (family == Family::kUnpack ? OfStream(all, 0) : all).size()) << reported;
-    // Every reported packet is in the output, and so is the trailer; an empty
-    // MPEG-TS output may hold nothing, as its tables come with the first packet.
+  for (size_t i = 0; i < kTasks; ++i) {
+    const size_t reported = tasks[i].log.Count();
+    const auto all = ended[i] ? ProbePackets(LoadClip(tasks[i].family)) : std::vector<ProbePacket>{};
+    EXPECT_TRUE(!ended[i] || reported == (tasks[i].family == Family::kUnpack ? OfStream(all, 0) : all).size());
+    EXPECT_TRUE(reported > 0 ? ProbeOutput(sinks[i]).size() == reported
+                             : sinks[i].name.substr(sinks[i].name.size() - 3) == ".ts" || !Bytes(sinks[i]).empty())
+        << Name(tasks[i].family) << " writing " << sinks[i].name << ": " << reported;
     checked += reported > 0;
-    EXPECT_TRUE(reported > 0 ? ProbeOutput(job->sink).size() == reported
-                             : job->sink.name.substr(job->sink.name.size() - 3) == ".ts" || !Bytes(job->sink).empty());
   }
-  EXPECT_GT(checked, jobs.size() / 2) << "most tasks moved packets before their Stop";
+  EXPECT_GT(checked, kTasks / 2) << "most tasks moved packets before their Stop";
 }
 
 }  // namespace

@@ -2,8 +2,9 @@
  * A caller that declares the interface itself, from its documentation alone,
  * without the library's header: the prototypes, the output record with its
  * layout, and the error globals. It writes the video stream of a clip
- * (argv[1], 6 video packets) to a file (argv[2]) through its own record, and
- * checks the error state on the way. Exit status 0 means it all worked.
+ * (argv[1]) to a file (argv[2]) through its own record, with a progress
+ * callback that counts the stream's packets (6), and checks the error state
+ * on the way. Exit status 0 means it all worked.
  */
 #include <stdbool.h>
 #include <stdint.h>
