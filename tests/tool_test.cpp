@@ -81,8 +81,7 @@ TEST(Tool, SubcommandsWriteWhatFfprobeSeesAndFailuresSayWhy) {
     EXPECT_EQ(exit, status) << err;
     const bool printed = file.empty() || args[0] == "packets" || args[0] == "streams";
     const std::string text = file.empty() ? err : Text(file);
-    EXPECT_EQ(printed ? text.find(what) != std::string::npos : Shape(file) == what, true)
-        << (printed ? text : Shape(file));
+    EXPECT_TRUE(printed ? text.find(what) != std::string::npos : Shape(file) == what) << (printed ? text : Shape(file));
   }
 }
 
