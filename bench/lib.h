@@ -68,4 +68,26 @@ static inline void wait_until_done(bool (*get_status)(void*, bool*), void* task)
   while (get_status(task, &running) && running) nanosleep(&pause, NULL);
 }
 
+/* A growing buffer for the demultiplexing family's sized Read. */
+struct packet_buffer {
+  unsigned char* data;
+  int capacity;
+};
+
+/* The next packet with AVFormat_UNPack_ReadSized into `buffer`, which grows
+ * when a packet does not fit (ReadSized keeps that packet and stores its size).
+ * False at the end of the input, or on an error, whose code stays set. */
+static inline bool read_packet(void* task, struct packet_buffer* buffer, int* stream, int* size,
+                               AVCODEC_PACKETINFO* info, AVCODEC_TIMEBASE* time_base) {
+  for (;;) {
+    if (AVFormat_UNPack_ReadSized(task, stream, buffer->data, buffer->capacity, size, NULL, info, time_base))
+      return true;
+    if (AVFormat_GetLastError(NULL) != ERROR_AVFORMAT_PACKET_BUFFERSIZE) return false;
+    unsigned char* larger = realloc(buffer->data, (size_t)*size);
+    if (larger == NULL) check(false, "growing the packet buffer");
+    buffer->data = larger;
+    buffer->capacity = *size;
+  }
+}
+
 #endif

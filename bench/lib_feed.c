@@ -1,6 +1,6 @@
 /*
  * lib_feed: the caller-fed route, the contender of bare_feed -c. Packets
- * pulled with the demultiplexing family's Read are written with the
+ * pulled with the demultiplexing family's sized Read are written with the
  * multiplexing family's StreamWrite into streams made from the input's codec
  * parameters (GetAVCodec, StreamCreate).
  *
@@ -30,20 +30,20 @@ int main(int argc, char** argv) {
   }
   if (streams == 0) check(false, "AVFormat_UNPack_GetAVCodec");
 
-  unsigned char* buffer = malloc(64u << 20);
-  if (buffer == NULL) return 1;
+  struct packet_buffer buffer = {NULL, 0};
   long long packets = 0;
   int stream = 0, size = 0;
   AVCODEC_PACKETINFO info;
   AVCODEC_TIMEBASE time_base;
-  while (AVFormat_UNPack_Read(reader, &stream, buffer, &size, &info, &time_base)) {
-    check(AVFormat_Packet_StreamWrite(writer, stream, buffer, size, &time_base, &info), "AVFormat_Packet_StreamWrite");
+  while (read_packet(reader, &buffer, &stream, &size, &info, &time_base)) {
+    check(AVFormat_Packet_StreamWrite(writer, stream, buffer.data, size, &time_base, &info),
+          "AVFormat_Packet_StreamWrite");
     ++packets;
   }
-  if (AVFormat_GetLastError(NULL) != ERROR_AVFORMAT_PACKET_READ) check(false, "AVFormat_UNPack_Read");
+  if (AVFormat_GetLastError(NULL) != ERROR_AVFORMAT_PACKET_READ) check(false, "AVFormat_UNPack_ReadSized");
   AVFormat_Packet_Stop(writer);
   AVFormat_UNPack_Stop(reader);
-  free(buffer);
+  free(buffer.data);
   printf("packets written: %lld\n", packets);
   return 0;
 }

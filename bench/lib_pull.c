@@ -1,5 +1,5 @@
 /*
- * lib_pull: pulling every packet through the demultiplexing family's Read,
+ * lib_pull: pulling every packet through the demultiplexing family's sized Read,
  * the contender of bare_pull -c. Each packet's bytes land in this program's
  * buffer together with its stream index, timing and time base.
  *
@@ -16,21 +16,19 @@ int main(int argc, char** argv) {
   void* task = require_task(AVFormat_UNPack_Init(count_packet, &progress), "demultiplexing");
   check(AVFormat_UNPack_Input(task, argv[1], NULL, NULL), "AVFormat_UNPack_Input");
 
-  /* Read has no size argument: the buffer must hold the input's largest packet. */
-  unsigned char* buffer = malloc(64u << 20);
-  if (buffer == NULL) return 1;
+  struct packet_buffer buffer = {NULL, 0};
   long long packets = 0, bytes = 0, last_pts = 0;
   int stream = 0, size = 0;
   AVCODEC_PACKETINFO info;
   AVCODEC_TIMEBASE time_base;
-  while (AVFormat_UNPack_Read(task, &stream, buffer, &size, &info, &time_base)) {
+  while (read_packet(task, &buffer, &stream, &size, &info, &time_base)) {
     bytes += size;
     last_pts = info.pts;
     ++packets;
   }
-  if (AVFormat_GetLastError(NULL) != ERROR_AVFORMAT_PACKET_READ) check(false, "AVFormat_UNPack_Read");
+  if (AVFormat_GetLastError(NULL) != ERROR_AVFORMAT_PACKET_READ) check(false, "AVFormat_UNPack_ReadSized");
   AVFormat_UNPack_Stop(task);
-  free(buffer);
+  free(buffer.data);
   printf("packets read: %lld (%lld bytes, last pts %lld)\n", packets, bytes, last_pts);
   return 0;
 }

@@ -1,60 +1,42 @@
-// Input that the library must check before FFmpeg sees it: a packet larger
-// than the caller's buffer, times and time bases that a muxer can't take,
-// calls that would mix up stream indices, and the codes each refusal reports.
+// What the library checks and reports. Before FFmpeg sees it: a packet larger
+// than the caller's buffer, times and time bases that a muxer can't take
+// (from the caller or from a file), calls that would mix up stream indices.
+// After: task reports of what every family read, wrote and had refused, and
+// the first write error, so that a full disk or a caller write function that
+// fails or takes only part of its bytes is never a silent success. Counts are
+// checked against ffprobe; reports are read while the worker runs (the thread
+// sanitizer lane watches that).
 #include <gtest/gtest.h>
+#include <unistd.h>
 
-#include <functional>
 #include <tuple>
 
-#include "Quorvel_AVFormat.h"
-#include "support/fixtures.h"
+#include "support/families.h"
 
 namespace {
 
 using namespace qtest;
-using Bytes = std::vector<uint8_t>;
 const int kQuiet = (av_log_set_level(AV_LOG_FATAL), 0);
 constexpr uint64_t kRefused = ERROR_AVFORMAT_PACKET_PARAMETER;
+const auto Code = [](bool ok) { return ok ? 0 : AVFormat_GetLastError(nullptr); };
+const auto Record = [](uint32_t size = sizeof(AVFORMAT_TASK_REPORT)) {
+  AVFORMAT_TASK_REPORT report{};
+  report.dwSize = size;
+  return report;
+};
+using ReportCall = bool (*)(void*, AVFORMAT_TASK_REPORT*);
+const ReportCall kGet[] = {AVFormat_Convert_GetReport, AVFormat_UNPack_GetReport, AVFormat_Packet_GetReport,
+                           AVFormat_Link_GetReport};  // in the order of qtest::Family
+const ReportCall kStopWith[] = {AVFormat_Convert_StopWithReport, AVFormat_UNPack_StopWithReport,
+                                AVFormat_Packet_StopWithReport, AVFormat_Link_StopWithReport};
+const std::string kFullDisk = TempPath("full.mkv");  // the name gives the container
+const int kLinked = symlink("/dev/full", kFullDisk.c_str());
 
-uint64_t Code(bool ok) {
-  return ok ? 0 : AVFormat_GetLastError(nullptr);
-}
-
-// One EBML element: its ID, an 8-byte size, its children's bytes in order
-// (ID 0: the children alone).
-Bytes El(uint32_t id, std::initializer_list<Bytes> children) {
-  Bytes body, out;
-  for (const Bytes& child : children) body.insert(body.end(), child.begin(), child.end());
-  if (id == 0) return body;
-  for (int shift = 24; shift >= 0; shift -= 8)
-    if ((id >> shift) != 0) out.push_back(static_cast<uint8_t>(id >> shift));
-  out.push_back(0x01);
-  for (int shift = 48; shift >= 0; shift -= 8) out.push_back(static_cast<uint8_t>(body.size() >> shift));
-  out.insert(out.end(), body.begin(), body.end());
-  return out;
-}
-Bytes Text(const std::string& text) { return Bytes(text.begin(), text.end()); }
-
-// A Matroska file of two video blocks, a key frame then another, each a zlib
-// stream of 4 KB that the track's content encoding (zlib, algorithm 0)
-// inflates to 3.9 MB.
-std::string CompressedMatroska() {
-  const Bytes zlib = ReadFile(Clip("black.zlib", "-f lavfi -i color=black:s=1280x1024 -frames:v 1 -c:v zlib -f rawvideo"));
-  // clang-format off
-  const Bytes track = El(0xAE, {El(0xD7, {{1}}), El(0x73C5, {{1}}), El(0x83, {{1}}), El(0x86, {Text("V_MPEG4/ISO/ASP")}),
-      El(0xE0, {El(0xB0, {{64}}), El(0xBA, {{64}})}), El(0x6D80, {El(0x6240, {El(0x5031, {{0}}), El(0x5032, {{1}}),
-      El(0x5033, {{0}}), El(0x5034, {El(0x4254, {{0}})})})})});
-  const Bytes cluster = El(0x1F43B675, {El(0xE7, {{0}}), El(0xA3, {{0x81, 0, 0, 0x80}, zlib}),
-      El(0xA3, {{0x81, 0, 40, 0}, zlib})});
-  const std::string path = TempPath("compressed.mkv");
-  WriteFile(path, El(0, {El(0x1A45DFA3, {El(0x4282, {Text("matroska")}), El(0x4287, {{4}})}),
-      El(0x18538067, {El(0x1549A966, {El(0x2AD7B1, {{0x0F, 0x42, 0x40}})}), El(0x1654AE6B, {track}), cluster})}));
-  // clang-format on
-  return path;
-}
-
-TEST(SizedRead, AsksKeepsThenDeliversEachInflatedPacketWholeWithFfprobesKeyFlag) {
-  const std::string path = CompressedMatroska();
+// Two blocks of a track with zlib content compression, a key frame then
+// another, that inflate to 256 KiB of zeros each: asked for, then offered too
+// little room (kept each time), then delivered whole with ffprobe's key flag.
+TEST(SizedRead, AsksKeepsThenDeliversEachInflatedPacketWhole) {
+  const std::string path = QUORVEL_CORPUS "zlib-compressed.mkv";
   const std::vector<ProbePacket> expected = ProbePackets(path);
   ASSERT_EQ(expected.size(), 2u);
   void* task = AVFormat_UNPack_Init(nullptr, nullptr);
@@ -64,14 +46,14 @@ TEST(SizedRead, AsksKeepsThenDeliversEachInflatedPacketWholeWithFfprobesKeyFlag)
     return Code(AVFormat_UNPack_ReadSized(task, &stream, data, capacity, &size, &flags, nullptr, nullptr));
   };
   for (const ProbePacket& packet : expected) {
-    Bytes data(packet.size - 1, 0xFF);
-    for (int capacity : {0, 4096, packet.size - 1}) {  // asked, then too small: kept each time
+    std::vector<uint8_t> data(packet.size - 1, 0xFF);
+    for (int capacity : {0, 4096, packet.size - 1}) {
       EXPECT_EQ(read(capacity ? data.data() : nullptr, capacity), ERROR_AVFORMAT_PACKET_BUFFERSIZE);
       EXPECT_EQ(size, packet.size);
     }
     data.resize(size, 0xFF);
     ASSERT_EQ(read(data.data(), size), 0u);
-    EXPECT_EQ(data, Bytes(1280 * 1024 * 3, 0));  // all of it, inflated
+    EXPECT_EQ(data, std::vector<uint8_t>(256 * 1024, 0));
     EXPECT_EQ((flags & AVFORMAT_PKT_FLAG_KEY) != 0, packet.flags.find('K') != std::string::npos);
   }
   EXPECT_EQ(read(nullptr, 0), ERROR_AVFORMAT_PACKET_READ);
@@ -92,9 +74,8 @@ struct Mux {
   }
   ~Mux() { AVFormat_Packet_Stop(task), avcodec_parameters_free(&video), avcodec_parameters_free(&audio); }
   uint64_t Write(int stream, AVCODEC_TIMEBASE base, AVCODEC_PACKETINFO info) {
-    return Code(AVFormat_Packet_StreamWrite(task, stream, Bytes(16).data(), 16, &base, &info));
+    return Code(AVFormat_Packet_StreamWrite(task, stream, std::vector<uint8_t>(16).data(), 16, &base, &info));
   }
-  uint64_t NewOutput() { return Code(AVFormat_Packet_Output(task, TempPath("b.mkv").c_str(), 0, 0, nullptr, nullptr)); }
 };
 
 TEST(StreamWrite, RefusesTimeBasesThatAreNoLengthAndTimesBeyondWhatTheMuxerTakes) {
@@ -115,33 +96,101 @@ TEST(StreamWrite, RefusesTimeBasesThatAreNoLengthAndTimesBeyondWhatTheMuxerTakes
   }
 }
 
-// The code that `call` reports on a fresh task of another family.
-uint64_t OnTask(void* task, const std::function<bool(void*)>& call, bool (*stop)(void*)) {
-  const uint64_t code = Code(call(task));
-  stop(task);
-  return code;
+// The multiplexing worker holds a file's packet at 2^62 ms back from NUT: it
+// is refused, and the other input's packets are written.
+TEST(WorkerFedMux, RefusesTimesBeyondWhatTheMuxerTakes) {
+  AnyTask task(Family::kPacket);
+  const Sink sink{TempPath("extreme.nut")};
+  ASSERT_TRUE(task.Reach(Stage::kEnded, {{VideoOnlyClip("mkv")}, {QUORVEL_CORPUS "extreme-ts.mkv"}}, sink));
+  AVFORMAT_TASK_REPORT report = Record();
+  ASSERT_TRUE(AVFormat_Packet_StopWithReport(task.Release(), &report));
+  EXPECT_EQ(std::tuple(report.llPacketsRead, report.llPacketsWritten, report.llPacketsRefused), std::tuple(3, 2, 1));
+  EXPECT_EQ(ProbeOutput(sink).size(), 2u);
 }
 
-TEST(CallerChecks, RefusedCallsAndTheCodesTheyReport) {
-  const std::string av = VideoAudioClip("mkv"), data_only = TempPath("data.nut");
+// Calls that would mix up stream indices: another output once an Input or
+// StreamCreate has put streams in, and an input with no stream to map.
+TEST(CallerChecks, AreRefusedWithTheParameterCode) {
+  const std::string data_only = TempPath("data.nut");
   WriteSynthetic(data_only, "nut", {{AVMEDIA_TYPE_DATA, AV_CODEC_ID_NONE, {1, 25}, 10, 0, 1, 8, {25, 1}, 0x41544144}});
-  // clang-format off
-  const auto input = [](Mux& m, const std::string& url) { return Code(AVFormat_Packet_Input(m.task, url.c_str(), 0, 0)); };
-  const std::tuple<const char*, std::function<uint64_t(Mux&)>, uint64_t> cases[] = {
-      {"multiplexing Output after Input", [&](Mux& m) { return input(m, av) ? 1 : m.NewOutput(); }, kRefused},
-      {"multiplexing Output after StreamCreate",
-       [](Mux& m) { return AVFormat_Packet_StreamCreate(m.task, m.video) ? m.NewOutput() : 1; }, kRefused},
-      {"multiplexing Input with no usable stream", [&](Mux& m) { return input(m, data_only); }, kRefused},
-      {"multiplexing Start with no input", [](Mux& m) { return Code(AVFormat_Packet_Start(m.task)); },
-       ERROR_AVFORMAT_PACKET_WRITEHEADER},
-      {"demultiplexing Output of none before Input", [](Mux&) { return OnTask(AVFormat_UNPack_Init(0, 0),
-           [](void* t) { return AVFormat_UNPack_Output(t, 0, 0); }, AVFormat_UNPack_Stop); }, 0},
-      {"concatenation Output without a name", [](Mux&) { return OnTask(AVFormat_Link_Init(0, 0),
-           [](void* t) { return AVFormat_Link_Output(t, 0); }, AVFormat_Link_Stop); }, ERROR_AVFORMAT_LINK_OUTPUTFORMAT}};
-  // clang-format on
-  for (const auto& [name, call, code] : cases) {
+  for (const bool by_input : {true, false}) {
     Mux mux;
-    EXPECT_EQ(call(mux), code) << name;
+    ASSERT_TRUE(by_input ? AVFormat_Packet_Input(mux.task, VideoAudioClip("mkv").c_str(), 0, 0)
+                         : AVFormat_Packet_StreamCreate(mux.task, mux.video));
+    EXPECT_EQ(Code(AVFormat_Packet_Output(mux.task, "b.mkv", 0, 0, nullptr, nullptr)), kRefused);
+  }
+  Mux mux;
+  EXPECT_EQ(Code(AVFormat_Packet_Input(mux.task, data_only.c_str(), 0, 0)), kRefused);
+}
+
+// Every family to a file, a caller's write function that takes all or fails
+// after some bytes, and a full disk. The report is read all along; before
+// Stop it has no trailer.
+TEST(TaskReport, CountsWhatEachFamilyWroteAndItsFirstWriteError) {
+  for (const Family family : kFamilies)
+    for (const long long accepted : {-3LL, -2LL, -1LL, 0LL, 3000LL}) {  // -3: a file, -2: all, -1: the full disk
+      if (family == Family::kLink && accepted != -3 && accepted != -1) continue;
+      SCOPED_TRACE(testing::Message() << Name(family) << ", writes fail after " << accepted << " bytes");
+      const int f = static_cast<int>(family);
+      const std::string clip = family == Family::kPacket ? VideoOnlyClip("mkv") : VideoAudioClip("mkv");
+      MemoryWriter writer;
+      writer.fail_after = accepted;
+      const Sink sink = accepted == -3   ? Sink{TempPath(Name(family) + std::string(".mkv"))}
+                        : accepted == -1 ? Sink{kFullDisk}
+                                         : Sink{"matroska", &writer};
+      AnyTask task(family);
+      AVFORMAT_TASK_REPORT report = Record();
+      ASSERT_TRUE(task.Reach(Stage::kSetUp, {{clip}}, {sink}) && task.Start());
+      for (int64_t read = 0; task.Running(); read = report.llPacketsRead)
+        EXPECT_TRUE(kGet[f](task.handle(), &report) && report.llPacketsRead >= read);
+      EXPECT_TRUE(kGet[f](task.handle(), &report) && report.bTrailerWritten == 0);
+      EXPECT_TRUE(kStopWith[f](task.Release(), &report));
+      const int error = accepted == -1 ? AVERROR(ENOSPC) : accepted >= 0 ? AVERROR(EIO) : 0;
+      EXPECT_EQ(std::tuple(report.nWriteError, report.nTrailerResult, report.bTrailerWritten),
+                std::tuple(error, error, 1));
+      // Demultiplexing ends at its first refused packet; the others read on.
+      const auto read = static_cast<int64_t>(ProbePackets(clip).size());
+      EXPECT_TRUE(family == Family::kUnpack && error != 0 ? report.llPacketsRead < read : report.llPacketsRead == read);
+      EXPECT_TRUE(error != 0 || report.llPacketsWritten == static_cast<int64_t>(ProbeOutput(sink).size()));
+      // A file's buffer holds the whole clip, so only the trailer meets a full disk,
+      // unless the header was flushed at once (demultiplexing).
+      EXPECT_EQ(report.llPacketsRefused > 0, accepted >= 0 || (accepted == -1 && family == Family::kUnpack));
+      // A file's header is written again at its end, through the same count.
+      const auto kept = static_cast<int64_t>(accepted == -3 ? Bytes(sink).size() : writer.data.size());
+      EXPECT_TRUE(accepted == -3 ? report.llBytesWritten >= kept : report.llBytesWritten == kept) << kept;
+    }
+}
+
+// A write function that takes all, a part, nothing, or fails: the trailer's
+// flush at the latest hands it the bytes, however far the worker got.
+TEST(TaskReport, AWriteFunctionThatTakesLessThanItIsGivenFailsTheOutput) {
+  using Write = int (*)(void*, unsigned char*, int);
+  // clang-format off
+  const std::pair<Write, int> cases[] = {
+      {[](void*, unsigned char*, int n) { return n; }, 0}, {[](void*, unsigned char*, int n) { return n - 1; }, AVERROR(EIO)},
+      {[](void*, unsigned char*, int) { return 0; }, AVERROR(EIO)}, {[](void*, unsigned char*, int) { return AVERROR(EPIPE); }, AVERROR(EPIPE)}};
+  // clang-format on
+  for (const auto& [write, error] : cases) {
+    void* task = AVFormat_Convert_Init(nullptr, nullptr);
+    ASSERT_TRUE(AVFormat_Convert_Output(task, "matroska", 0, 0, write, nullptr) &&
+                AVFormat_Convert_Input(task, VideoAudioClip("mkv").c_str(), nullptr, nullptr) &&
+                AVFormat_Convert_Start(task));
+    AVFORMAT_TASK_REPORT report = Record();
+    ASSERT_TRUE(AVFormat_Convert_StopWithReport(task, &report));
+    EXPECT_EQ(report.nWriteError, error);
+  }
+}
+
+// A record below the first size is refused with the family's parameter code
+// (StopWithReport stops the task all the same); a longer one keeps its tail.
+TEST(TaskReport, FillsOnlyTheFieldsOfTheCallersRecord) {
+  for (const Family family : kFamilies) {
+    AnyTask task(family);
+    AVFORMAT_TASK_REPORT small = Record(AVFORMAT_TASK_REPORT_MIN_SIZE - 1),
+                         longer[2] = {Record(sizeof longer), Record(42)};
+    EXPECT_TRUE(kGet[static_cast<int>(family)](task.handle(), longer) && longer[1].dwSize == 42);
+    EXPECT_FALSE(kStopWith[static_cast<int>(family)](task.Release(), &small));
+    EXPECT_EQ(LastError(), (ErrorState{true, CodesOf(family).parameter}));
   }
 }
 

@@ -1,7 +1,8 @@
 // What hostile input and careless callers do to a task: read functions that
-// break the read contract, Stop from inside the task's own progress callback,
-// playlists that reach for other files and the network, and seconds beyond 64
-// bits of microseconds.
+// say 0, claim more than they were asked for, stall or fail; a network source
+// that goes silent; Stop from inside the task's own progress callback;
+// playlists that reach for other files and the network; seconds beyond 64
+// bits of microseconds. The sanitizer lanes run these for leaks.
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -13,14 +14,15 @@
 namespace qtest {
 namespace {
 
+const int kQuiet = (av_log_set_level(AV_LOG_FATAL), 0);
 std::vector<uint8_t> Bytes(const std::string& text) {
   return {text.begin(), text.end()};
 }
 
-// A read function that delivers `bytes` and then says 0 forever, or claims
-// more than it was asked for from its first call, or stalls on endless zeros.
-// (One that fails is left out: FFmpeg alone ends the input on that.)
-enum class Misread { kZero, kTooMuch, kStalls };
+// A read function that delivers `bytes` and then says 0 forever, or fails
+// with EIO; or claims more than it was asked for from its first call; or
+// stalls on endless zeros.
+enum class Misread { kZero, kFails, kTooMuch, kStalls };
 struct HostileReader {
   std::vector<uint8_t> bytes;
   Misread how;
@@ -32,7 +34,7 @@ struct HostileReader {
     std::memcpy(buffer, self->bytes.data() + self->at, count);
     self->at += count;
     if (count > 0) return self->how == Misread::kTooMuch ? size + 1 : static_cast<int>(count);
-    if (self->how != Misread::kStalls) return 0;
+    if (self->how != Misread::kStalls) return self->how == Misread::kFails ? AVERROR(EIO) : 0;
     self->stalled = true;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
     std::memset(buffer, 0, static_cast<size_t>(size = std::min(size, 4096)));
@@ -40,20 +42,28 @@ struct HostileReader {
   }
 };
 
-TEST(HostileReaders, EndTheRunOrAreRefusedAtInputAndStopReturnsWithinASecond) {
+// Of a clip, all or a part (in thousandths) is delivered. Too little for the
+// header, or too much, and Input is refused with the open code; otherwise the
+// run ends by itself (or, once stalled, a Stop from another thread returns
+// within a second) with every reported packet in the output.
+TEST(HostileReaders, AreRefusedAtInputOrEndTheRunWithAWholeOutput) {
+  const std::vector<uint8_t> clip = ReadFile(Clip("long.mkv", "-f lavfi -i testsrc=d=20:s=32x24:r=25 -c:v mpeg4"));
   bool (*const inputs[])(void*, const char*, AVFORMAT_IO_FUNCTION, void*) = {
       AVFormat_Convert_Input, AVFormat_UNPack_Input, AVFormat_Packet_Input};
-  const std::vector<uint8_t> clip = ReadFile(Clip("long.mkv", "-f lavfi -i testsrc=d=20:s=32x24:r=25 -c:v mpeg4"));
+  // clang-format off
+  const std::tuple<Misread, size_t, bool> cases[] = {{Misread::kZero, 1000, true}, {Misread::kFails, 5, false},
+      {Misread::kFails, 600, true}, {Misread::kTooMuch, 1000, false}, {Misread::kStalls, 1000, true}};
+  // clang-format on
   for (Family family : {Family::kConvert, Family::kUnpack, Family::kPacket})
-    for (Misread how : {Misread::kZero, Misread::kTooMuch, Misread::kStalls}) {
+    for (const auto& [how, part, opens] : cases) {
       SCOPED_TRACE(std::string(Name(family)) + ", misread " + std::to_string(static_cast<int>(how)));
-      HostileReader reader{clip, how};
+      HostileReader reader{{clip.begin(), clip.begin() + static_cast<long>(clip.size() * part / 1000)}, how};
       AnyTask task(family);
       const Sink sink{TempPath("misread.mkv")};
       const bool input_first = family == Family::kUnpack;
       const bool opened = (input_first || task.Output(sink)) &&
                           inputs[static_cast<int>(family)](task.handle(), nullptr, HostileReader::Read, &reader);
-      ASSERT_EQ(opened, how != Misread::kTooMuch);
+      ASSERT_EQ(opened, opens);
       if (!opened) {
         EXPECT_EQ(AVFormat_GetLastError(nullptr), CodesOf(family).open);
         continue;
@@ -61,9 +71,35 @@ TEST(HostileReaders, EndTheRunOrAreRefusedAtInputAndStopReturnsWithinASecond) {
       ASSERT_TRUE((!input_first || task.Output(sink)) && task.Start());
       const bool stalls = how == Misread::kStalls;
       EXPECT_TRUE(stalls ? WaitUntil([&] { return reader.stalled.load(); }) : task.WaitForEnd());
+      const size_t reported = task.log.Count();
       EXPECT_TRUE(stalls ? task.StopFromAnotherThread(std::chrono::seconds(1)) : task.Stop());
-      EXPECT_FALSE(ProbeOutput(sink).empty());
+      EXPECT_GT(reported, 0u);
+      EXPECT_TRUE(stalls || ProbeOutput(sink).size() == reported);
     }
+}
+
+// A network source sends the start of a file and goes silent with the
+// connection open: Stop ends the blocked read through the interrupt callback
+// within a second, and the output gets its trailer.
+TEST(SilentNetwork, StopEndsAReadThatBlocks) {
+  std::vector<uint8_t> bytes = ReadFile(VideoOnlyClip("mkv"));
+  bytes.resize(bytes.size() * 2 / 3);
+  for (const Family family : kFamilies) {
+    SCOPED_TRACE(Name(family));
+    SilentServer server(bytes);
+    AnyTask task(family);
+    const Sink sink{TempPath(std::string("network-") + Name(family) + ".mkv")};
+    ASSERT_TRUE(task.Reach(Stage::kSetUp, {{server.Url()}}, {sink}) && task.Start());
+    size_t seen = 0;  // until the worker has taken what was sent and waits for more
+    EXPECT_TRUE(WaitUntil([&] {
+      const size_t now = task.log.Count();
+      std::this_thread::sleep_for(std::chrono::milliseconds(200));
+      return std::exchange(seen, now) == now && now > 0;
+    }));
+    EXPECT_TRUE(task.Running());
+    EXPECT_TRUE(task.StopFromAnotherThread(std::chrono::seconds(1)));
+    EXPECT_EQ(ProbeOutput(sink).size(), task.log.Count());
+  }
 }
 
 // Stop at the third progress call; the worker ends the task itself, and an
@@ -77,8 +113,7 @@ TEST(StopInsideProgressCallback, ReturnsAtOnceAndTheWorkerWritesTheTrailer) {
     std::atomic<bool> returned{false};
     task.on_progress = [&] { returned = returned || (task.log.Count() == 3 && task.Stop()); };
     ASSERT_TRUE(task.Start());
-    // The file becomes readable only once the worker has written the trailer.
-    EXPECT_TRUE(WaitUntil([&] { return !ProbeOutput(sink).empty(); }));
+    EXPECT_TRUE(WaitUntil([&] { return !ProbeOutput(sink).empty(); }));  // readable once the trailer is written
     EXPECT_TRUE(returned);
     const size_t written = ProbeOutput(sink).size();
     EXPECT_TRUE(written > 0 && written < 20) << written;
@@ -86,25 +121,25 @@ TEST(StopInsideProgressCallback, ReturnsAtOnceAndTheWorkerWritesTheTrailer) {
 }
 
 // One playlist: a neighbour file's segment, then one served over http on the
-// loopback. Opened by name it plays its neighbour (FFmpeg's default for a
-// local file: file, crypto, data); read through a read function it opens
-// neither, so the server sees no request and the input is refused.
+// loopback (once: a library that fetched it would carry 100 packets). Opened
+// by name it plays its neighbour only (FFmpeg's default for a local file:
+// file, crypto, data); read through a read function it opens neither, and the
+// input is refused.
 TEST(Playlists, NamedOnesOpenTheirNeighboursBridgedOnesNothing) {
   const std::string segment = VideoOnlyClip("ts"), playlist = TempPath("playlist.m3u8");
   const std::vector<uint8_t> body = ReadFile(segment);
+  std::string text = "HTTP/1.0 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n";
+  const SilentServer server((text += std::string(body.begin(), body.end()), Bytes(text)));
+  text = "#EXTM3U\n#EXT-X-TARGETDURATION:2\n#EXTINF:2,\n" + std::filesystem::path(segment).filename().string() +
+         "\n#EXTINF:2,\nhttp" + server.Url().substr(3) + "/segment.ts\n#EXT-X-ENDLIST\n";
+  WriteFile(playlist, Bytes(text));
   for (Family family : {Family::kConvert, Family::kPacket})
     for (bool bridged : {false, true}) {
-      SCOPED_TRACE(std::string(Name(family)) + (bridged ? ", bridged" : ", by name"));
-      std::string text = "HTTP/1.0 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n";
-      const SilentServer server((text += std::string(body.begin(), body.end()), Bytes(text)));
-      text = "#EXTM3U\n#EXT-X-TARGETDURATION:2\n#EXTINF:2,\n" + std::filesystem::path(segment).filename().string() +
-             "\n#EXTINF:2,\nhttp" + server.Url().substr(3) + "/segment.ts\n#EXT-X-ENDLIST\n";
-      WriteFile(playlist, Bytes(text));
       MemoryReader reader(Bytes(text));
       AnyTask task(family);
       EXPECT_EQ(task.Reach(Stage::kEnded, {bridged ? Source{"", &reader} : Source{playlist}}, {TempPath("hls.mkv")}),
                 !bridged);
-      EXPECT_EQ(task.log.Count(), bridged ? 0u : 50u);
+      EXPECT_EQ(task.log.Count(), bridged ? 0u : 50u) << Name(family) << (bridged ? ", bridged" : ", by name");
     }
 }
 

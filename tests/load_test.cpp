@@ -1,11 +1,11 @@
 // Many tasks of every family at once, with file and caller I/O, driven from
-// several threads that pause, resume, poll and stop them at random moments.
-// Every output is then read back with ffprobe. The sanitizer lanes run it for
+// several threads that pause, resume, poll and stop them at random moments;
+// every output is then read back with ffprobe. The sanitizer lanes run it for
 // races and leaks.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <memory>
+#include <deque>
 #include <random>
 #include <thread>
 
@@ -15,89 +15,73 @@ namespace {
 
 using namespace qtest;
 
-constexpr int kThreads = 4, kTasks = 36;
-
-// Longer clips than the suites' own (150 video and 282 audio packets), so
-// that tasks overlap; a multiplexing input has one stream.
+// 150 video and 282 audio packets, so that tasks overlap; a multiplexing input has one stream.
 std::string LoadClip(Family family) {
   if (family == Family::kPacket) return Clip("load-video.mkv", "-f lavfi -i testsrc=d=6:s=64x48:r=25 -c:v mpeg4");
   return Clip("load.mkv", "-f lavfi -i testsrc=d=6:s=64x48:r=25 -f lavfi -i sine=d=6 -c:v mpeg4 -c:a aac");
 }
 
-// A task with a random delay in its progress calls, writing MPEG-TS, NUT or
-// Matroska; all but concatenation may read or write through caller functions.
-struct Job {
-  Job(Family family, int index, unsigned dice)
-      : reader(ReadFile(LoadClip(family))), task(family, std::chrono::microseconds(dice % 3000)) {
-    const bool caller_io = family != Family::kLink;
-    source = caller_io && dice / 3000 % 3 == 0 ? Source{"", &reader} : Source{LoadClip(family)};
-    sink = caller_io && dice / 9000 % 3 == 0
-               ? Sink{"matroska", &writer}
-               : Sink{TempPath("load-" + std::to_string(index) + (index % 3 ? ".nut" : ".ts"))};
-  }
-  MemoryReader reader;
-  MemoryWriter writer;
-  Source source;
-  Sink sink;
-  AnyTask task;
-  bool ended = false;  // GetStatus saw the worker end by itself
-};
-
-// Sets up and starts the jobs, then acts on them at random until all are
-// stopped, which the deadline ensures however the dice fall.
-void Drive(std::vector<Job*> live, unsigned start) {
-  std::mt19937 dice(start);
-  for (Job* job : live) EXPECT_TRUE(job->task.Reach(Stage::kSetUp, {job->source}, job->sink) && job->task.Start());
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!live.empty()) {
-    const size_t pick = dice() % live.size();
-    AnyTask& task = live[pick]->task;
-    const unsigned action = dice() % 10;
-    if (action == 0 || std::chrono::steady_clock::now() > deadline) {
-      EXPECT_TRUE(task.Stop());
-      live.erase(live.begin() + static_cast<long>(pick));
-    } else if (action <= 3) {
-      EXPECT_TRUE(task.Suspend(action <= 2));
-    } else if (!task.Running()) {
-      live[pick]->ended = true;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(dice() % 20));
-  }
-}
-
+// Four threads start nine tasks each (a random delay in every progress call;
+// MPEG-TS, NUT or Matroska; all but concatenation may read or write through
+// caller functions), then pause, resume, poll or stop one of theirs at random
+// until all are stopped, which a deadline of 10 s ensures. A task that ended
+// by itself carried its whole input (a demultiplexing output holds stream 0
+// only); every reported packet is in the output, and so is the trailer (an
+// MPEG-TS output without packets holds nothing: its tables come with the
+// first packet).
 TEST(Load, ManyTasksOfEveryFamilyPausedResumedAndStoppedAtRandom) {
   const char* fixed = std::getenv("QUORVEL_LOAD_DICE");
   const unsigned start = fixed != nullptr ? std::strtoul(fixed, nullptr, 10) : std::random_device{}();
   std::cout << "dice " << start << " (set QUORVEL_LOAD_DICE to repeat this run)\n";
   std::mt19937 dice(start);
-  std::vector<std::unique_ptr<Job>> jobs;
-  std::vector<Job*> mine[kThreads];
-  for (int i = 0; i < kTasks; ++i) {
-    jobs.push_back(std::make_unique<Job>(kFamilies[i % 4], i, dice()));
-    mine[i % kThreads].push_back(jobs.back().get());
+  constexpr size_t kTasks = 36;
+  std::deque<AnyTask> tasks;
+  std::deque<MemoryReader> readers;
+  std::deque<MemoryWriter> writers(kTasks);
+  std::vector<Source> sources;
+  std::vector<Sink> sinks;
+  std::vector<char> ended(kTasks);
+  for (size_t i = 0; i < kTasks; ++i) {
+    const Family family = kFamilies[i % 4];
+    const unsigned roll = dice();
+    tasks.emplace_back(family, std::chrono::microseconds(roll % 3000));
+    readers.emplace_back(ReadFile(LoadClip(family)));
+    const bool caller_io = family != Family::kLink;
+    sources.push_back(caller_io && roll / 3000 % 3 == 0 ? Source{"", &readers[i]} : Source{LoadClip(family)});
+    sinks.push_back(caller_io && roll / 9000 % 3 == 0
+                        ? Sink{"matroska", &writers[i]}
+                        : Sink{TempPath("load-" + std::to_string(i) + (i % 3 ? ".nut" : ".ts"))});
   }
   std::vector<std::thread> drivers;
-  for (auto& some : mine) drivers.emplace_back(Drive, some, dice());
+  for (size_t t = 0; t < 4; ++t)
+    drivers.emplace_back([&, t, seed = dice()] {
+      std::mt19937 dice(seed);
+      std::vector<size_t> live;
+      for (size_t i = t; i < kTasks; i += 4) live.push_back(i);
+      for (size_t i : live) EXPECT_TRUE(tasks[i].Reach(Stage::kSetUp, {sources[i]}, sinks[i]) && tasks[i].Start());
+      for (const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10); !live.empty();) {
+        const size_t pick = dice() % live.size(), i = live[pick];
+        const unsigned action = dice() % 10;
+        if (action == 0 || std::chrono::steady_clock::now() > deadline) {
+          EXPECT_TRUE(tasks[i].Stop());
+          live.erase(live.begin() + static_cast<long>(pick));
+        } else {
+          EXPECT_TRUE(action > 3 || tasks[i].Suspend(action <= 2));
+          ended[i] = ended[i] || (action > 3 && !tasks[i].Running());
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(dice() % 20));
+      }
+    });
   for (std::thread& driver : drivers) driver.join();
-
-  int checked = 0;
-  for (const auto& job : jobs) {
-    const Family family = job->task.family;
-    const size_t reported = job->task.log.Count();
-    SCOPED_TRACE(std::string(Name(family)) + " writing " + job->sink.name);
-    // A task that ended by itself carried its whole input, pauses or not; a
-    // demultiplexing output holds stream 0 only.
-    const auto all = job->ended ? ProbePackets(LoadClip(family)) : std::vector<ProbePacket>{};
-    EXPECT_TRUE(!job->ended || reported == (family == Family::kUnpack ? OfStream(all, 0) : all).size()) << reported;
-    // Every reported packet is in the output, and so is the trailer. An empty
-    // output is not readable in every format but holds its header, except in
-    // MPEG-TS, which writes its tables with the first packet.
-    if (reported > 0) {
-      EXPECT_EQ(ProbeOutput(job->sink).size(), reported);
-      ++checked;
-    } else {
-      EXPECT_TRUE(job->sink.name.substr(job->sink.name.size() - 3) == ".ts" || !Bytes(job->sink).empty());
-    }
+  size_t checked = 0;
+  for (size_t i = 0; i < kTasks; ++i) {
+    const size_t reported = tasks[i].log.Count();
+    const auto all = ended[i] ? ProbePackets(LoadClip(tasks[i].family)) : std::vector<ProbePacket>{};
+    EXPECT_TRUE(!ended[i] || reported == (tasks[i].family == Family::kUnpack ? OfStream(all, 0) : all).size());
+    EXPECT_TRUE(reported > 0 ? ProbeOutput(sinks[i]).size() == reported
+                             : sinks[i].name.substr(sinks[i].name.size() - 3) == ".ts" || !Bytes(sinks[i]).empty())
+        << Name(tasks[i].family) << " writing " << sinks[i].name << ": " << reported;
+    checked += reported > 0;
   }
   EXPECT_GT(checked, kTasks / 2) << "most tasks moved packets before their Stop";
 }

@@ -31,4 +31,11 @@ void RescaleTimes(AVPacket* packet, AVRational from, AVRational to) noexcept {
   packet->time_base = to;
 }
 
+bool TimesFit(const AVPacket& packet, bool pts_set, bool dts_set) noexcept {
+  constexpr int64_t kLargestSeconds = int64_t{1} << 31;
+  const int64_t largest = av_rescale_q(kLargestSeconds, AVRational{1, 1}, packet.time_base);
+  const auto fits = [largest](int64_t ticks) { return ticks >= -largest && ticks <= largest; };
+  return (!pts_set || fits(packet.pts)) && (!dts_set || fits(packet.dts)) && fits(packet.duration);
+}
+
 }  // namespace quorvel

@@ -32,4 +32,16 @@ StreamStep NewOutputStream(AVFormatContext* output, const AVCodecParameters* par
 // duration alone and rescales INT64_MAX (see the concatenation worker).
 void RescaleTimes(AVPacket* packet, AVRational from, AVRational to) noexcept;
 
+// Whether a packet's times, counted in its time_base, are ones a muxer can
+// take: pts, dts and duration within 2^31 seconds (some 68 years) either way
+// from 0. Muxers convert times between their streams' time bases and add
+// durations to them; NUT, for one, converts a time into every other stream's
+// time base and fails an assertion that ends the process when the result
+// overflows. A time base's denominator is below 2^31, so within this bound a
+// time stays within 2^62 ticks of any time base, and a sum of two still fits.
+// `pts_set` and `dts_set` say whether the source gave that time: an unset time
+// stays unset, while a set one that overflowed on rescaling came out as
+// AV_NOPTS_VALUE, which is out of bounds.
+bool TimesFit(const AVPacket& packet, bool pts_set, bool dts_set) noexcept;
+
 }  // namespace quorvel

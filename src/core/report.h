@@ -24,6 +24,8 @@ class TaskTally {
   ~TaskTally();
 
   void CountRead() noexcept { packets_read_.fetch_add(1, std::memory_order_relaxed); }
+  // A packet that was not handed to the muxer, which could not have taken it.
+  void Refuse() noexcept { packets_refused_.fetch_add(1, std::memory_order_relaxed); }
 
   // av_interleaved_write_frame, counted: a negative result is a refused
   // packet. Then takes in what the output's I/O context says (see Observe).

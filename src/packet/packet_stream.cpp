@@ -21,23 +21,6 @@ int64_t VideoFrameLength(int den) {
   return static_cast<int64_t>(std::trunc(1.0 / static_cast<double>(den) * 1000000.0));
 }
 
-// The largest time handed to a muxer, either way from 0: 2^31 seconds, some
-// 68 years. Muxers convert times between their streams' time bases and add
-// durations to them; NUT, for one, converts a time into every other stream's
-// time base and fails an assertion that ends the process when the result
-// overflows. A time base's denominator is below 2^31, so within this bound a
-// time stays within 2^62 ticks of any time base, and a sum of two still fits.
-constexpr int64_t kLargestSeconds = int64_t{1} << 31;
-
-// The caller's times, once rescaled into `packet`, are ones the muxer can take. An unset time stays unset; one that overflowed on
-// rescaling came out as AV_NOPTS_VALUE, which is out of bounds.
-bool TimesFit(const AVCODEC_PACKETINFO& given, const AVPacket& packet) {
-  const int64_t largest = av_rescale_q(kLargestSeconds, AVRational{1, 1}, packet.time_base);
-  const auto fits = [largest](int64_t ticks) { return ticks >= -largest && ticks <= largest; };
-  return (given.pts == AV_NOPTS_VALUE || fits(packet.pts)) && (given.dts == AV_NOPTS_VALUE || fits(packet.dts)) &&
-         fits(packet.duration);
-}
-
 }  // namespace
 
 bool CAVFormat_Packet::AVFormat_Packet_StreamCreate(void* lpTask, void* lpCodecParameters) {
@@ -115,7 +98,8 @@ bool CAVFormat_Packet::AVFormat_Packet_StreamWrite(void* lpTask, int nStreamInde
     packet->duration = av_rescale_q(VideoFrameLength(pTimeBase->den), kMicroseconds, stream->time_base);
   // The packet still points at the caller's bytes, without owning them: the
   // next write's unref lets go of the pointer only.
-  if (pInfo != nullptr && !TimesFit(*pInfo, *packet)) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
+  if (pInfo != nullptr && !quorvel::TimesFit(*packet, pInfo->pts != AV_NOPTS_VALUE, pInfo->dts != AV_NOPTS_VALUE))
+    return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
   packet->pos = -1;
   packet->stream_index = nStreamIndex;
 

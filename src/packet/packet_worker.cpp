@@ -70,14 +70,21 @@ bool WriteCarried(AVPACKET_FILE_PACKET* task, AVPACKET_FILE_AVINFO& input, AVPac
   const int type = input.vRoutes.empty() ? input.nMediaType : in->codecpar->codec_type;
   if (!input.vRoutes.empty()) ++input.vStreamCounts[packet->stream_index];
 
+  const bool pts_set = packet->pts != AV_NOPTS_VALUE, dts_set = packet->dts != AV_NOPTS_VALUE;
   // Rescaled only: each input's times go to the output as they are.
   quorvel::RescaleTimes(packet, in->time_base, out->time_base);
   packet->pos = -1;
   packet->stream_index = route;
 
   const double seconds = static_cast<double>(packet->pts) * av_q2d(out->time_base);
-  // A refused packet is dropped and the run goes on.
-  if (task->dlStartTime <= 0.0 || seconds >= task->dlStartTime) task->stTally.Write(output, packet, task->llBytesSeen);
+  // A refused packet is dropped and the run goes on; so is one whose times
+  // the muxer can't take, which never reaches it.
+  if (task->dlStartTime <= 0.0 || seconds >= task->dlStartTime) {
+    if (quorvel::TimesFit(*packet, pts_set, dts_set))
+      task->stTally.Write(output, packet, task->llBytesSeen);
+    else
+      task->stTally.Refuse();
+  }
   // Every packet read is reported, also one before the start time.
   if (task->fpProgress != nullptr)
     task->fpProgress(task->lpReserved, type, input.nPacketCount, seconds, task->lpCallbackContext);

@@ -2,8 +2,9 @@
  * A caller that declares the interface itself, from its documentation alone,
  * without the library's header: the prototypes, the output record with its
  * layout, and the error globals. It writes the video stream of a clip
- * (argv[1], 6 video packets) to a file (argv[2]) through its own record, and
- * checks the error state on the way. Exit status 0 means it all worked.
+ * (argv[1]) to a file (argv[2]) through its own record, with a progress
+ * callback that counts the stream's packets (6), and checks the error state
+ * on the way. Exit status 0 means it all worked.
  */
 #include <stdbool.h>
 #include <stdint.h>
@@ -40,14 +41,14 @@ static void progress(void* reserved, int stream, long long number, double second
   if (!(condition)) return fprintf(stderr, "%s:%d: %s\n", __FILE__, __LINE__, #condition), 1
 
 int main(int argc, char** argv) {
-  CHECK(argc == 3 && strlen(argv[2]) < 264);
-  CHECK(!AVForamt_IsErrorOccur && AVFormat_GetLastError(NULL) == 0); /* nothing has failed yet */
+  CHECK(argc == 3 && strlen(argv[2]) < 264 && !AVForamt_IsErrorOccur && AVFormat_GetLastError(NULL) == 0);
   long long packets = 0;
   void* task = AVFormat_UNPack_Init(progress, &packets);
+  /* A failure sets both globals; the next success clears the flag only. */
   CHECK(task != NULL && !AVFormat_UNPack_Input(task, "/nonexistent/x.mkv", NULL, NULL));
   CHECK(AVForamt_IsErrorOccur && AVForamt_dwErrorCode == 0x80D1004 && AVFormat_GetLastError(NULL) == 0x80D1004);
-  CHECK(AVFormat_UNPack_Input(task, argv[1], NULL, NULL));
-  CHECK(!AVForamt_IsErrorOccur && AVForamt_dwErrorCode == 0x80D1004);
+  CHECK(AVFormat_UNPack_Input(task, argv[1], NULL, NULL) && !AVForamt_IsErrorOccur &&
+        AVForamt_dwErrorCode == 0x80D1004);
   MY_FORMATINFO output = {.stream = 0}, *records[] = {&output}, **list = records;
   strcpy(output.name, argv[2]);
   CHECK(AVFormat_UNPack_Output(task, &list, 1) && AVFormat_UNPack_Start(task));

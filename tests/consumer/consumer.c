@@ -6,21 +6,13 @@
 #include <time.h>
 
 int main(int argc, char** argv) {
-  if (argc != 3) {
-    fprintf(stderr, "usage: %s IN OUT\n", argv[0]);
-    return 2;
-  }
-  void* task = AVFormat_Convert_Init(NULL, NULL);
-  if (task == NULL || !AVFormat_Convert_Output(task, argv[2], 0.0, 0.0, NULL, NULL) ||
-      !AVFormat_Convert_Input(task, argv[1], NULL, NULL) || !AVFormat_Convert_Start(task)) {
-    fprintf(stderr, "conversion failed: 0x%llX\n", (unsigned long long)AVFormat_GetLastError(NULL));
-    AVFormat_Convert_Stop(task);
-    return 1;
-  }
-  bool running = true;
+  void* task = argc == 3 ? AVFormat_Convert_Init(NULL, NULL) : NULL;
+  const bool ok = task != NULL && AVFormat_Convert_Output(task, argv[2], 0.0, 0.0, NULL, NULL) &&
+                  AVFormat_Convert_Input(task, argv[1], NULL, NULL) && AVFormat_Convert_Start(task);
+  if (!ok) fprintf(stderr, "usage: consumer IN OUT; failed: 0x%llX\n", (unsigned long long)AVFormat_GetLastError(NULL));
   const struct timespec pause = {0, 10 * 1000 * 1000};
-  while (AVFormat_Convert_GetStatus(task, &running) && running) nanosleep(&pause, NULL);
+  for (bool running = ok; running && AVFormat_Convert_GetStatus(task, &running) && running;) nanosleep(&pause, NULL);
   AVFormat_Convert_Stop(task);
-  printf("consumer: wrote %s\n", argv[2]);
-  return 0;
+  if (ok) printf("consumer: wrote %s\n", argv[2]);
+  return ok ? 0 : 1;
 }

@@ -1,6 +1,6 @@
-// What every fuzz target shares: quiet logs, the fuzz data as a caller read
-// function, a write function that takes everything, and waiting for a
-// worker's end.
+// What every fuzz target shares: quiet logs (FFmpeg's complaints about broken
+// input are expected, and slow), the fuzz data as a caller read function, a
+// write function that takes everything, and waiting for a worker's end.
 #pragma once
 
 #include <algorithm>
@@ -17,15 +17,12 @@ extern "C" {
 
 namespace qfuzz {
 
-// FFmpeg's complaints about broken input are expected here, and slow.
 inline const int kQuiet = (av_log_set_level(AV_LOG_QUIET), 0);
 
 // Hands out the fuzz data as the input's byte stream, then the end of input.
 struct ByteSource {
   const uint8_t* data;
-  size_t size;
-  size_t position = 0;
-
+  size_t size, position = 0;
   static int Read(void* context, unsigned char* buffer, int size) {
     auto* source = static_cast<ByteSource*>(context);
     const size_t count = std::min(source->size - source->position, static_cast<size_t>(size));
@@ -40,8 +37,7 @@ inline int Discard(void*, unsigned char*, int size) {
 }
 inline void IgnoreProgress(void*, int, long long, double, void*) {}
 
-// Waits until `status` reports that the worker has ended. A worker that never
-// ends is a hang, which the fuzzer's own timeout reports.
+// A worker that never ends is a hang, which the fuzzer's own timeout reports.
 inline void WaitForEnd(bool (*status)(void*, bool*), void* task) {
   bool running = true;
   while (status(task, &running) && running) std::this_thread::sleep_for(std::chrono::microseconds(100));

@@ -30,9 +30,7 @@ bool CreateStream(void* task, AVMediaType type) {
   if (parameters == nullptr) return false;
   parameters->codec_type = type;
   parameters->codec_id = type == AVMEDIA_TYPE_VIDEO ? AV_CODEC_ID_MPEG4 : AV_CODEC_ID_PCM_S16LE;
-  parameters->width = 64;
-  parameters->height = 48;
-  parameters->sample_rate = 8000;
+  parameters->width = 64, parameters->height = 48, parameters->sample_rate = 8000;
   av_channel_layout_default(&parameters->ch_layout, 1);
   const bool created = AVFormat_Packet_StreamCreate(task, parameters);
   avcodec_parameters_free(&parameters);
