@@ -102,6 +102,42 @@ TEST(LifecycleStop, EveryFamilyAtEveryStage) {
       }
 }
 
+// Conversion, demultiplexing and multiplexing cut alike: packets before the
+// start are reported but not written, an end ends the task only on a packet
+// exactly at it, and a bound of 0 or less is off. Here 100 video packets 40 ms
+// apart, in Matroska's milliseconds both ways (demultiplexing counts input
+// times in the output's time base). Raw H.264 has no timestamps: the two
+// families that read it whole make them from the packet counter and the frame
+// rate as the linked FFmpeg states it.
+TEST(LifecycleCut, StartDropsEarlierPacketsEndStopsOnlyOnAnExactMatch) {
+  const std::string hundred = TempPath("hundred.mkv"), raw = RawH264Clip();
+  WriteSynthetic(hundred, "matroska", {{AVMEDIA_TYPE_VIDEO, AV_CODEC_ID_MPEG4, {1, 1000}, 100, 0, 40}});
+  const int64_t f = RawH264FrameMs();
+  // Input, start, end, first and last pts written in ms, packets reported, ms per packet.
+  const std::tuple<std::string, double, double, int64_t, int64_t, size_t, int64_t> cases[] = {
+      {hundred, 1.0, 2.0, 1000, 2000, 51, 40},   {hundred, 1.0, 2.01, 1000, 3960, 100, 40},
+      {hundred, 0, 0, 0, 3960, 100, 40},         {hundred, -1.0, 0.4, 0, 400, 11, 40},
+      {hundred, 3.0, -2.0, 3000, 3960, 100, 40}, {raw, 0, 0, 0, 24 * f, 25, f}};
+  for (const Family family : {Family::kConvert, Family::kUnpack, Family::kPacket})
+    for (const auto& [input, start, end, first, last, reported, step] : cases) {
+      if (family == Family::kUnpack && input == raw) continue;
+      SCOPED_TRACE(testing::Message() << Name(family) << " " << input << " from " << start << " to " << end);
+      AnyTask task(family);
+      const Sink sink{TempPath("cut.mkv"), nullptr, start, end};
+      ASSERT_TRUE(task.Reach(Stage::kEnded, {{input}}, sink) && task.Stop());
+      const auto packets = ProbeOutput(sink);
+      ASSERT_EQ(packets.size(), static_cast<size_t>((last - first) / step + 1));
+      for (size_t i = 0; i < packets.size(); ++i) EXPECT_EQ(packets[i].pts, first + static_cast<int64_t>(i) * step);
+      const auto calls = task.log.Calls();
+      ASSERT_EQ(calls.size(), reported);
+      for (size_t i = 0; i < calls.size(); ++i) {
+        EXPECT_EQ(std::tie(calls[i].reserved, calls[i].type, calls[i].number),
+                  std::make_tuple(nullptr, static_cast<int>(AVMEDIA_TYPE_VIDEO), static_cast<long long>(i)));
+        EXPECT_NEAR(calls[i].seconds, 0.001 * static_cast<double>(step * static_cast<int64_t>(i)), 1e-9);
+      }
+    }
+}
+
 // Inputs that can't be opened and outputs that can't be made, each with the
 // family's code. Concatenation takes no caller I/O: a writer's format name is
 // a file name without extension there.

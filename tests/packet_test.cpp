@@ -9,10 +9,8 @@ extern "C" {
 
 #include <functional>
 #include <memory>
-#include <tuple>
 
-#include "support/caller.h"
-#include "support/fixtures.h"
+#include "support/families.h"
 
 namespace {
 
@@ -53,28 +51,12 @@ bool Create(void* task, AVMediaType type, int width = 160) {
   return AVFormat_Packet_StreamCreate(task, MakeParameters(type, width).get());
 }
 
-enum Route { kFiles, kBridged, kBridgedBesideUrl };
-
-// Runs a task over `inputs` to its end and returns the output's packets. A
-// bridged task reads and writes through caller functions; beside a url (each
-// naming another input) the read function's bytes are still the input.
-std::vector<ProbePacket> Mux(const std::string& output, const std::vector<std::string>& inputs, ProgressLog* log,
-                             double start = 0, double end = 0, Route route = kFiles) {
-  MemoryWriter writer;
-  std::vector<std::unique_ptr<MemoryReader>> readers;
-  void* task = AVFormat_Packet_Init(ProgressLog::Record, log);
-  EXPECT_TRUE(AVFormat_Packet_Output(task, route == kFiles ? output.c_str() : "matroska", start, end,
-                                     route == kFiles ? nullptr : MemoryWriter::Write, &writer));
-  for (size_t i = 0; i < inputs.size(); ++i) {
-    readers.push_back(std::make_unique<MemoryReader>(ReadFile(inputs[i])));
-    const char* url = route == kBridged ? nullptr : route == kFiles ? inputs[i].c_str() : inputs.rbegin()[i].c_str();
-    EXPECT_TRUE(AVFormat_Packet_Input(task, url, route == kFiles ? nullptr : MemoryReader::Read, readers.back().get()));
-  }
-  EXPECT_TRUE(AVFormat_Packet_Start(task)) << ToString(LastError());
-  bool running = true;
-  EXPECT_TRUE(WaitUntil([&] { return AVFormat_Packet_GetStatus(task, &running) && !running; }));
-  EXPECT_TRUE(AVFormat_Packet_Stop(task));
-  if (route != kFiles) WriteFile(output, writer.data);
+// Runs a task over `sources` to its end and returns the output's packets;
+// with a writer the output is written through it, then to `output`.
+std::vector<ProbePacket> Mux(AnyTask& task, const std::string& output, const std::vector<Source>& sources,
+                             MemoryWriter* writer = nullptr) {
+  EXPECT_TRUE(task.Reach(Stage::kEnded, sources, writer ? Sink{"matroska", writer} : Sink{output}) && task.Stop());
+  if (writer != nullptr) WriteFile(output, writer->data);
   return ProbePackets(output);
 }
 
@@ -94,16 +76,20 @@ void ExpectCarried(const std::string& input, int stream, const std::vector<Probe
 // 100 video and 200 audio packets: the run ends at the first failed read, so
 // the input that runs out first decides how many packets of the other go out.
 TEST(PacketMux, FilesInterleaveUntilTheFirstInputRunsOut) {
-  const std::tuple<const char*, std::string, std::string, size_t, size_t, Route> cases[] = {
-      {"va.mkv", VideoFile(), AudioFile(), 100, 100, kFiles},
-      {"av.mkv", AudioFile(), VideoFile(), 101, 100, kFiles},
-      {"bridged.mkv", VideoFile(), AudioFile(), 100, 100, kBridged},
-      {"beside-urls.mkv", VideoFile(), AudioFile(), 100, 100, kBridgedBesideUrl}};
-  for (const auto& [name, first, second, first_count, second_count, route] : cases) {
-    SCOPED_TRACE(name);
-    ProgressLog log;
-    const std::string output = TempPath(name);
-    const std::vector<ProbePacket> packets = Mux(output, {first, second}, &log, 0, 0, route);
+  // Inputs, packets of each, read through: 0 their files, 1 read functions, 2 read functions beside the url of
+  // the other input (the read function's bytes are still the input).
+  const std::tuple<std::string, std::string, size_t, size_t, int> cases[] = {{VideoFile(), AudioFile(), 100, 100, 0},
+                                                                             {AudioFile(), VideoFile(), 101, 100, 0},
+                                                                             {VideoFile(), AudioFile(), 100, 100, 1},
+                                                                             {VideoFile(), AudioFile(), 100, 100, 2}};
+  for (const auto& [first, second, first_count, second_count, route] : cases) {
+    SCOPED_TRACE(first + " then " + second + " route " + std::to_string(route));
+    MemoryReader r0(ReadFile(first)), r1(ReadFile(second));
+    MemoryWriter writer;
+    AnyTask task(Family::kPacket);
+    const std::string output = TempPath("interleaved.mkv");
+    const std::vector<Source> sources[] = {{{first}, {second}}, {{"", &r0}, {"", &r1}}, {{second, &r0}, {first, &r1}}};
+    const std::vector<ProbePacket> packets = Mux(task, output, sources[route], route > 0 ? &writer : nullptr);
     const std::vector<ProbeStream> streams = ProbeStreams(output);
     ASSERT_EQ(streams.size(), 2u);
     EXPECT_EQ(streams[0].codec_type, ProbeStreams(first)[0].codec_type);
@@ -117,7 +103,7 @@ TEST(PacketMux, FilesInterleaveUntilTheFirstInputRunsOut) {
                 0);
 
     // One packet of each input in turn, reported with its input's mapped type and count.
-    const auto calls = log.Calls();
+    const auto calls = task.log.Calls();
     ASSERT_EQ(calls.size(), first_count + second_count);
     const int first_type = streams[0].codec_type == "video" ? AVMEDIA_TYPE_VIDEO : AVMEDIA_TYPE_AUDIO;
     for (size_t i = 0; i < calls.size(); ++i) {
@@ -147,36 +133,17 @@ TEST(PacketMux, EachInputCarriesAllItsPacketsInItsLastMappedStream) {
       {RawH264Clip(), {"video"}, 25, AVMEDIA_TYPE_VIDEO, RawH264FrameMs()}};
   for (const auto& [input, expected, carried, type, frame_ms] : cases) {
     SCOPED_TRACE(input);
-    ProgressLog log;
+    AnyTask task(Family::kPacket);
     const std::string output = TempPath("mapped.mkv");
-    const std::vector<ProbePacket> packets = Mux(output, {input}, &log);
+    const std::vector<ProbePacket> packets = Mux(task, output, {{input}});
     std::vector<std::string> types;
     for (const ProbeStream& stream : ProbeStreams(output)) types.push_back(stream.codec_type);
     EXPECT_EQ(types, expected);
     EXPECT_EQ(OfStream(packets, static_cast<int>(types.size()) - 1).size(), carried);
-    EXPECT_EQ(packets.size(), log.Count()) << "earlier streams stay empty";
-    for (const auto& call : log.Calls()) EXPECT_EQ(call.type, type);
+    EXPECT_EQ(packets.size(), task.log.Count()) << "earlier streams stay empty";
+    for (const auto& call : task.log.Calls()) EXPECT_EQ(call.type, type);
     for (size_t i = 0; frame_ms > 0 && i < packets.size(); ++i)
       EXPECT_EQ(packets[i].pts, static_cast<int64_t>(i) * frame_ms) << i;
-  }
-}
-
-// Before the start time packets are reported but not written; the end time
-// ends the run only on a packet exactly at it (video at 1/25 s per packet).
-TEST(PacketMux, StartAndEndTimes) {
-  // Start, end, first pts written in ms, packets written, packets reported.
-  // clang-format off
-  const std::tuple<double, double, int64_t, size_t, size_t> cases[] = {
-      {0, 0, 0, 100, 100}, {2.0, 0, 2000, 50, 100}, {0, 3.0, 0, 76, 76}, {0, 3.01, 0, 100, 100}, {1.0, 3.0, 1000, 51, 76}};
-  // clang-format on
-  for (const auto& [start, end, first_ms, written, reported] : cases) {
-    SCOPED_TRACE(testing::Message() << start << " to " << end);
-    ProgressLog log;
-    const std::vector<ProbePacket> packets = Mux(TempPath("cut.mkv"), {VideoFile()}, &log, start, end);
-    ASSERT_EQ(packets.size(), written);
-    EXPECT_EQ(packets.front().pts, first_ms);
-    ASSERT_EQ(log.Count(), reported);
-    EXPECT_EQ(log.Calls().back().number, static_cast<long long>(reported - 1));
   }
 }
 
@@ -243,16 +210,11 @@ TEST(PacketStream, VideoDurationFollowsTheTimeBaseDenominator) {
   }
 }
 
-// Holds the worker in its progress calls while the flag it is given is set.
-void Hold(void*, int, long long, double, void* context) {
-  while (*static_cast<std::atomic<bool>*>(context)) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-}
-
 // The calls refused by this family's own rules on order, arguments and
 // memory. Each row: the task's stage, then the call that must fail. A started
 // task's worker is held in its first progress call until the row is done.
 TEST(PacketErrors, RefusedCallsGiveTheirCodes) {
-  enum Stage { kInit, kOutput, kInput, kStream, kBadStream, kStarted, kWritten };
+  enum Step { kInit, kOutput, kInput, kStream, kBadStream, kStarted, kWritten };
   const std::string file = TempPath("errors.mkv");
   AVCODEC_TIMEBASE base{1, 25};
   const uint8_t data[8] = {};
@@ -278,7 +240,7 @@ TEST(PacketErrors, RefusedCallsGiveTheirCodes) {
                  kHeader = ERROR_AVFORMAT_PACKET_WRITEHEADER, kFrame = ERROR_AVFORMAT_PACKET_WRITEFRAME,
                  kThread = ERROR_AVFORMAT_PACKET_THREAD;
   // clang-format off
-  const std::tuple<const char*, Stage, std::function<bool(void*)>, uint64_t> cases[] = {
+  const std::tuple<const char*, Step, std::function<bool(void*)>, uint64_t> cases[] = {
       {"Output: no name", kInit, [](void* t) { return AVFormat_Packet_Output(t, nullptr, 0, 0, nullptr, nullptr); }, kParameter},
       {"Output: no memory", kInit, [&](void* t) { return scarce([&] { return AVFormat_Packet_Output(t, "matroska", 0, 0, MemoryWriter::Write, &writer); }); }, kMalloc},
       {"Output: after Start", kStarted, output, kParameter},
@@ -308,18 +270,20 @@ TEST(PacketErrors, RefusedCallsGiveTheirCodes) {
   };
   // clang-format on
   for (const auto& [name, stage, call, code] : cases) {
-    std::atomic<bool> held{true};
-    void* task = AVFormat_Packet_Init(Hold, &held);
-    EXPECT_TRUE(stage == kInit || output(task)) << name;
-    EXPECT_TRUE((stage != kInput && stage != kStarted) || input(task)) << name;
-    EXPECT_TRUE((stage != kStream && stage != kWritten) || create(task)) << name;
-    EXPECT_TRUE(stage != kBadStream || Create(task, AVMEDIA_TYPE_VIDEO, 0)) << name;  // no dimensions
-    EXPECT_TRUE(stage != kStarted || AVFormat_Packet_Start(task)) << name;
-    EXPECT_TRUE(stage != kWritten || write(task)) << name;
-    EXPECT_FALSE(call(task)) << name;
-    EXPECT_EQ(LastError(), (ErrorState{true, code})) << name << ": " << ToString(LastError());
-    held = false;
-    EXPECT_TRUE(AVFormat_Packet_Stop(task));
+    SCOPED_TRACE(name);
+    AnyTask task(Family::kPacket);
+    void* t = task.handle();
+    if (stage == kStarted) {
+      ASSERT_TRUE(task.Reach(Stage::kHeld, {{VideoFile()}}, {file}));
+    } else {
+      EXPECT_TRUE(stage == kInit || output(t));
+      EXPECT_TRUE(stage != kInput || input(t));
+      EXPECT_TRUE((stage != kStream && stage != kWritten) || create(t));
+      EXPECT_TRUE(stage != kBadStream || Create(t, AVMEDIA_TYPE_VIDEO, 0));  // no dimensions
+      EXPECT_TRUE(stage != kWritten || write(t));
+    }
+    EXPECT_FALSE(call(t));
+    EXPECT_EQ(LastError(), (ErrorState{true, code})) << ToString(LastError());
   }
 }
 
