@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <functional>
 #include <thread>
 
 #include "support/families.h"
@@ -177,6 +178,74 @@ TEST(LifecycleNames, MissingInputsAndUnusableOutputsGiveTheFamilysCode) {
       EXPECT_FALSE(task.Reach(Stage::kSetUp, {c.source}, {c.sink}));
       EXPECT_EQ(task.code, CodesOf(family).*c.code) << std::hex << task.code;
     }
+}
+
+// Each family's own refusals: a fresh task taken as far as a stage, then a
+// call that fails with the code (a started task's worker held in its first
+// progress call). Demultiplexing's GetAVCodec borrows its Seek code and hands
+// nothing out; multiplexing's refusals are in its own suite.
+TEST(Refusals, EachFamilysCallsGiveTheirCodes) {
+  const std::string clip = VideoAudioClip("mkv"), out = TempPath("refused.mkv");
+  MemoryWriter writer;
+  MemoryReader reader(ReadFile(clip));
+  static unsigned char data[1 << 20];
+  int index = 0, size = 0;
+  using Call = std::function<bool(AnyTask&)>;
+  const Call in = [&](AnyTask& t) { return t.Input({{clip}}); }, go = [](AnyTask& t) { return t.Start(); };
+  const Call to = [&](AnyTask& t) { return t.Output({out}); };
+  const auto made = [&](const std::string& name) {  // then refused by its header on Start
+    return [&, name](AnyTask& t) { return t.Output({name, name.find('/') == std::string::npos ? &writer : nullptr}) && in(t) && go(t); };
+  };
+  const auto seek = [](Family f, long long at, int s = 0) {
+    return [=](AnyTask& t) {
+      return f == Family::kConvert ? AVFormat_Convert_Seek(t.handle(), at) : AVFormat_UNPack_Seek(t.handle(), s, at);
+    };
+  };
+  const auto read = [&](unsigned char* into) {
+    return [&, into](AnyTask& t) { return AVFormat_UNPack_Read(t.handle(), &index, into, &size, 0, 0); };
+  };
+  const auto get = [](int s) {
+    return [s](AnyTask& t) {
+      void* block = &t;
+      return AVFormat_UNPack_GetAVCodec(t.handle(), s, &block, 0) || block != &t;
+    };
+  };
+  const Family C = Family::kConvert, U = Family::kUnpack, L = Family::kLink;
+  const Stage kInit = Stage::kInit, kFirst = Stage::kFirst, kSetUp = Stage::kSetUp, kHeld = Stage::kHeld;
+#define E(name) ERROR_AVFORMAT_##name
+  // clang-format off
+  const std::tuple<Family, Stage, Call, uint64_t> cases[] = {
+      {C, kInit, in, E(CONVERT_PARAMETER)}, {C, kFirst, go, E(CONVERT_PARAMETER)},
+      {C, kFirst, [](AnyTask& t) { return AVFormat_Convert_Input(t.handle(), 0, 0, 0); }, E(CONVERT_PARAMETER)},
+      // A url beside a read function must open, though the read function then replaces it.
+      {C, kFirst, [&](AnyTask& t) { return t.Input({{"/nonexistent/input.mkv", &reader}}); }, E(CONVERT_OPEN)},
+      {C, kFirst, seek(C, 1), E(CONVERT_PARAMETER)}, {C, kSetUp, seek(C, 100), E(CONVERT_SEEK)},
+      {C, kInit, made(TempPath("video.wav")), E(CONVERT_WRITEHEADER)},
+      {C, kInit, made("mp4"), E(CONVERT_WRITEHEADER)},  // can't seek back in a write function
+      {C, kHeld, go, E(CONVERT_PARAMETER)}, {C, kHeld, to, E(CONVERT_PARAMETER)}, {C, kHeld, in, E(CONVERT_PARAMETER)},
+      {U, kInit, go, E(PACKET_PARAMETER)}, {U, kInit, read(data), E(PACKET_PARAMETER)},
+      {U, kInit, seek(U, 0), E(PACKET_PARAMETER)}, {U, kInit, to, E(PACKET_PARAMETER)}, {U, kInit, get(0), E(PACKET_SEEK)},
+      {U, kInit, [](AnyTask& t) { return AVFormat_UNPack_Input(t.handle(), 0, 0, 0); }, E(PACKET_PARAMETER)},
+      {U, kFirst, [](AnyTask& t) { return t.Outputs({{"a.mkv"}, {"b.mkv", nullptr, 0, 0, 1}, {"c.mkv"}}); }, E(PACKET_PARAMETER)},
+      {U, kFirst, [](AnyTask& t) { return AVFormat_UNPack_Output(t.handle(), nullptr, 1); }, E(PACKET_PARAMETER)},
+      {U, kFirst, [&](AnyTask& t) { return t.Outputs({{out}, {"mp4", &writer, 0, 0, 1}}); }, E(PACKET_WRITEHEADER)},
+      {U, kFirst, read(nullptr), E(PACKET_PARAMETER)}, {U, kFirst, get(2), E(PACKET_SEEK)},
+      {U, kFirst, get(-1), E(PACKET_SEEK)}, {U, kFirst, seek(U, 0, 2), E(PACKET_SEEK)}, {U, kFirst, seek(U, 0, -2), E(PACKET_SEEK)},
+      {U, kHeld, go, E(PACKET_PARAMETER)}, {U, kHeld, to, E(PACKET_PARAMETER)}, {U, kHeld, in, E(PACKET_PARAMETER)},
+      {L, kInit, [](AnyTask& t) { return AVFormat_Link_Output(t.handle(), nullptr); }, E(LINK_OUTPUTFORMAT)},
+      {L, kSetUp, to, E(LINK_PARAMETER)}, {L, kInit, in, E(LINK_PARAMETER)}, {L, kInit, go, E(LINK_PARAMETER)},
+      {L, kFirst, [](AnyTask& t) { return AVFormat_Link_Input(t.handle(), nullptr, 0, 0, 0, 1); }, E(LINK_PARAMETER)},
+      {L, kFirst, go, E(LINK_WRITEHEADER)}, {L, kFirst, [](AnyTask& t) { return t.Start() || t.Start(); }, E(LINK_PARAMETER)},
+      {L, kHeld, go, E(LINK_PARAMETER)}, {L, kHeld, in, E(LINK_PARAMETER)}};
+  // clang-format on
+#undef E
+  for (const auto& [family, stage, call, code] : cases) {
+    SCOPED_TRACE(testing::Message() << Name(family) << " at stage " << static_cast<int>(stage) << ", code " << code);
+    AnyTask task(family);
+    ASSERT_TRUE(task.Reach(stage, {{clip}}, {out}));
+    EXPECT_FALSE(call(task));
+    EXPECT_EQ(LastError(), (ErrorState{true, code})) << ToString(LastError());
+  }
 }
 
 // A null handle fails every call with its family's code; a call that

@@ -119,33 +119,4 @@ TEST(LinkJoin, WritesWhatTheCallerAsks) {
   }
 }
 
-// The calls refused by this family's own rules on order and arguments. Each
-// task is then stopped, whatever state the failure left it in (never started,
-// header refused, worker running).
-TEST(LinkErrors, RefusedCallsGiveTheirCodes) {
-  const std::string clip = VideoAudioClip("mkv"), out = TempPath("refused.mkv");
-  const auto output = [&](void* t) { return AVFormat_Link_Output(t, out.c_str()); };
-  const auto input = [&](void* t) { return AVFormat_Link_Input(t, clip.c_str(), 0, 0, 0, 1); };
-  const auto start = AVFormat_Link_Start;
-  const uint64_t kParameter = ERROR_AVFORMAT_LINK_PARAMETER;
-  // clang-format off
-  const std::tuple<const char*, std::function<bool(void*)>, uint64_t> cases[] = {
-      {"Output null name", [](void* t) { return AVFormat_Link_Output(t, nullptr); }, ERROR_AVFORMAT_LINK_OUTPUTFORMAT},
-      {"Output after Input", [&](void* t) { return output(t) && input(t) && output(t); }, kParameter},
-      {"Input null name", [&](void* t) { return output(t) && AVFormat_Link_Input(t, nullptr, 0, 0, 0, 1); }, kParameter},
-      {"Input before Output", input, kParameter},
-      {"Input after Start", [&](void* t) { return output(t) && input(t) && start(t) && input(t); }, kParameter},
-      {"Start without Output", start, kParameter},
-      {"Start without streams", [&](void* t) { return output(t) && start(t); }, ERROR_AVFORMAT_LINK_WRITEHEADER},
-      {"Start twice", [&](void* t) { return output(t) && input(t) && start(t) && start(t); }, kParameter},
-      {"Start after a refused header", [&](void* t) { return output(t) && (start(t) || start(t)); }, kParameter}};
-  // clang-format on
-  for (const auto& [name, call, code] : cases) {
-    AnyTask task(Family::kLink);
-    EXPECT_FALSE(call(task.handle())) << name;
-    EXPECT_EQ(LastError(), (ErrorState{true, code})) << name;
-    EXPECT_TRUE(task.Stop()) << name;
-  }
-}
-
 }  // namespace
