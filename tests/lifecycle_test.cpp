@@ -23,10 +23,7 @@ const int kQuiet = (av_log_set_level(AV_LOG_FATAL), 0);
 // that writing one goes to the disk at once.
 std::string LargePackets() {
   static const std::string path = [] {
-    SyntheticStream video;
-    video.count = 10;
-    video.size = 100000;
-    WriteSynthetic(TempPath("large.nut"), "nut", {video});
+    WriteSynthetic(TempPath("large.nut"), "nut", {{AVMEDIA_TYPE_VIDEO, AV_CODEC_ID_MPEG4, {1, 25}, 10, 0, 1, 100000}});
     return TempPath("large.nut");
   }();
   return path;
