@@ -1,6 +1,10 @@
 // What every family does alike, each case run against all four through
 // qtest::AnyTask: Stop at every stage, names that can't be used, and the
 // error state.
+extern "C" {
+#include <libavutil/mem.h>
+}
+
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -179,14 +183,32 @@ TEST(LifecycleNames, MissingInputsAndUnusableOutputsGiveTheFamilysCode) {
 
 // Each family's own refusals: a fresh task taken as far as a stage, then a
 // call that fails with the code (a started task's worker held in its first
-// progress call). Demultiplexing's GetAVCodec borrows its Seek code and hands
-// nothing out; multiplexing's refusals are in its own suite.
+// progress call; the null stage a null handle). Demultiplexing's GetAVCodec
+// borrows its Seek code and hands nothing out; multiplexing's streams made
+// without dimensions have their header refused.
 TEST(Refusals, EachFamilysCallsGiveTheirCodes) {
   const std::string clip = VideoAudioClip("mkv"), out = TempPath("refused.mkv");
   MemoryWriter writer;
-  MemoryReader reader(ReadFile(clip));
+  MemoryReader reader(ReadFile(clip)), nothing(std::vector<uint8_t>{});
   static unsigned char data[1 << 20];
   int index = 0, size = 0;
+  const auto stream = [](AnyTask& t, int width = 160) {
+    return AVFormat_Packet_StreamCreate(t.handle(), StreamParameters(AVMEDIA_TYPE_VIDEO, width).get());
+  };
+  const auto write = [](AnyTask& t, int stream_index = 0, int64_t at = 0) {
+    AVCODEC_TIMEBASE base{1, 25};
+    AVCODEC_PACKETINFO info{at, at, 1};
+    return AVFormat_Packet_StreamWrite(t.handle(), stream_index, data, 8, &base, &info);
+  };
+  const auto scarce = [](const std::function<bool()>& call) {  // allocations above 1 MiB fail
+    av_max_alloc(1 << 20);
+    const bool result = call();
+    av_max_alloc(INT_MAX);
+    return result;
+  };
+  const auto big = StreamParameters(AVMEDIA_TYPE_VIDEO);
+  big->extradata = static_cast<uint8_t*>(av_mallocz(2 << 20));
+  big->extradata_size = 2 << 20;
   using Call = std::function<bool(AnyTask&)>;
   const Call in = [&](AnyTask& t) { return t.Input({{clip}}); }, go = [](AnyTask& t) { return t.Start(); };
   const Call to = [&](AnyTask& t) { return t.Output({out}); };
@@ -207,8 +229,10 @@ TEST(Refusals, EachFamilysCallsGiveTheirCodes) {
       return AVFormat_UNPack_GetAVCodec(t.handle(), s, &block, 0) || block != &t;
     };
   };
-  const Family C = Family::kConvert, U = Family::kUnpack, L = Family::kLink;
-  const Stage kInit = Stage::kInit, kFirst = Stage::kFirst, kSetUp = Stage::kSetUp, kHeld = Stage::kHeld;
+  const Call create = [&](AnyTask& t) { return stream(t); }, put = [&](AnyTask& t) { return write(t); };
+  const Family C = Family::kConvert, U = Family::kUnpack, P = Family::kPacket, L = Family::kLink;
+  const Stage kNull = Stage::kNull, kInit = Stage::kInit, kFirst = Stage::kFirst, kSetUp = Stage::kSetUp,
+              kHeld = Stage::kHeld;
 #define E(name) ERROR_AVFORMAT_##name
   // clang-format off
   const std::tuple<Family, Stage, Call, uint64_t> cases[] = {
@@ -233,7 +257,30 @@ TEST(Refusals, EachFamilysCallsGiveTheirCodes) {
       {L, kSetUp, to, E(LINK_PARAMETER)}, {L, kInit, in, E(LINK_PARAMETER)}, {L, kInit, go, E(LINK_PARAMETER)},
       {L, kFirst, [](AnyTask& t) { return AVFormat_Link_Input(t.handle(), nullptr, 0, 0, 0, 1); }, E(LINK_PARAMETER)},
       {L, kFirst, go, E(LINK_WRITEHEADER)}, {L, kFirst, [](AnyTask& t) { return t.Start() || t.Start(); }, E(LINK_PARAMETER)},
-      {L, kHeld, go, E(LINK_PARAMETER)}, {L, kHeld, in, E(LINK_PARAMETER)}};
+      {L, kHeld, go, E(LINK_PARAMETER)}, {L, kHeld, in, E(LINK_PARAMETER)},
+      {P, kInit, [](AnyTask& t) { return AVFormat_Packet_Output(t.handle(), nullptr, 0, 0, nullptr, nullptr); }, E(PACKET_PARAMETER)},
+      {P, kInit, [&](AnyTask& t) { return scarce([&] { return t.Output({"matroska", &writer}); }); }, E(PACKET_MALLOC)},
+      {P, kInit, in, E(PACKET_PARAMETER)}, {P, kInit, go, E(PACKET_PARAMETER)},
+      {P, kInit, create, E(PACKET_PARAMETER)}, {P, kInit, put, E(PACKET_PARAMETER)},
+      {P, kFirst, [](AnyTask& t) { return AVFormat_Packet_Input(t.handle(), nullptr, nullptr, nullptr); }, E(PACKET_PARAMETER)},
+      {P, kFirst, [&](AnyTask& t) { return t.Input({{"/nonexistent/input.mkv", &reader}}); }, E(PACKET_OPEN)},
+      {P, kFirst, [&](AnyTask& t) { return scarce([&] { return t.Input({{"", &nothing}}); }); }, E(PACKET_MALLOC)},
+      {P, kFirst, go, E(PACKET_WRITEHEADER)}, {P, kFirst, [&](AnyTask& t) { return stream(t, 0) && in(t) && go(t); }, E(PACKET_WRITEHEADER)},
+      {P, kSetUp, [&](AnyTask& t) { return write(t) && go(t); }, E(PACKET_PARAMETER)},
+      {P, kFirst, [](AnyTask& t) { return AVFormat_Packet_StreamCreate(t.handle(), nullptr); }, E(PACKET_PARAMETER)},
+      {P, kFirst, [&](AnyTask& t) { return stream(t) && write(t) && stream(t); }, E(PACKET_PARAMETER)},
+      {P, kFirst, [&](AnyTask& t) { return scarce([&] { return AVFormat_Packet_StreamCreate(t.handle(), big.get()); }); }, E(PACKET_CODECPAR)},
+      {P, kFirst, [&](AnyTask& t) { return stream(t) && AVFormat_Packet_StreamWrite(t.handle(), 0, data, 8, 0, 0); }, E(PACKET_PARAMETER)},
+      {P, kFirst, [&](AnyTask& t) { return stream(t) && write(t, 1); }, E(PACKET_PARAMETER)},
+      {P, kFirst, [&](AnyTask& t) { return stream(t) && write(t, -1); }, E(PACKET_PARAMETER)},
+      {P, kFirst, [&](AnyTask& t) { return stream(t, 0) && write(t); }, E(PACKET_WRITEHEADER)},
+      {P, kFirst, [&](AnyTask& t) { return stream(t, 0) && (write(t) || write(t)); }, E(PACKET_WRITEFRAME)},
+      {P, kFirst, [&](AnyTask& t) { return stream(t) && write(t, 0, 5) && write(t); }, E(PACKET_WRITEFRAME)},
+      {P, kHeld, to, E(PACKET_PARAMETER)}, {P, kHeld, in, E(PACKET_PARAMETER)}, {P, kHeld, go, E(PACKET_PARAMETER)},
+      {P, kHeld, create, E(PACKET_THREAD)}, {P, kHeld, put, E(PACKET_THREAD)},
+      {C, kNull, seek(C, 1), E(CONVERT_PARAMETER)}, {U, kNull, read(data), E(PACKET_PARAMETER)},
+      {U, kNull, seek(U, 0), E(PACKET_PARAMETER)}, {U, kNull, get(0), E(PACKET_SEEK)},
+      {P, kNull, create, E(PACKET_PARAMETER)}, {P, kNull, put, E(PACKET_PARAMETER)}};
   // clang-format on
 #undef E
   for (const auto& [family, stage, call, code] : cases) {
@@ -247,7 +294,7 @@ TEST(Refusals, EachFamilysCallsGiveTheirCodes) {
 
 // A null handle fails every call with its family's code; a call that
 // succeeds clears the flag and keeps the code; Stop accepts a null handle,
-// clears the flag and never sets it.
+// clears the flag and never sets it. GetLastError adds errno and leaves the flag.
 TEST(ErrorState, NullHandlesGiveEachFamilysCodeAndSuccessKeepsIt) {
   const auto after = [](bool) { return LastError(); };
   bool running;
@@ -267,30 +314,12 @@ TEST(ErrorState, NullHandlesGiveEachFamilysCodeAndSuccessKeepsIt) {
     AnyTask fresh(family);
     EXPECT_EQ(LastError(), (ErrorState{false, codes.parameter})) << "Init succeeded";
   }
-  // The calls of one family only; demultiplexing's GetAVCodec borrows its Seek code.
-  int index, size;
-  unsigned char data[8] = {};
-  void* parameters = nullptr;
-  AVCODEC_TIMEBASE time_base{1, 25};
-  const std::pair<ErrorState, uint64_t> own[] = {
-      {after(AVFormat_Convert_Seek(nullptr, 1)), ERROR_AVFORMAT_CONVERT_PARAMETER},
-      {after(AVFormat_UNPack_Read(nullptr, &index, data, &size, nullptr, nullptr)), ERROR_AVFORMAT_PACKET_PARAMETER},
-      {after(AVFormat_UNPack_Seek(nullptr, 0, 0)), ERROR_AVFORMAT_PACKET_PARAMETER},
-      {after(AVFormat_UNPack_GetAVCodec(nullptr, 0, &parameters, nullptr)), ERROR_AVFORMAT_PACKET_SEEK},
-      {after(AVFormat_Packet_StreamCreate(nullptr, &time_base)), ERROR_AVFORMAT_PACKET_PARAMETER},
-      {after(AVFormat_Packet_StreamWrite(nullptr, 0, data, 8, &time_base, nullptr)), ERROR_AVFORMAT_PACKET_PARAMETER},
-  };
-  for (const auto& [state, code] : own) EXPECT_EQ(state, (ErrorState{true, code})) << std::hex << code;
-  EXPECT_EQ(parameters, nullptr);
-}
-
-TEST(ErrorState, GetLastErrorAddsErrnoAndLeavesTheFlag) {
   EXPECT_FALSE(AVFormat_Convert_Start(nullptr));
   errno = EAGAIN;
   int number = 0;
-  EXPECT_EQ(AVFormat_GetLastError(&number), uint64_t{ERROR_AVFORMAT_CONVERT_PARAMETER});
+  EXPECT_EQ(AVFormat_GetLastError(&number), uint64_t{ERROR_AVFORMAT_CONVERT_PARAMETER}) << "with errno";
   EXPECT_EQ(number, EAGAIN);
-  EXPECT_TRUE(AVForamt_IsErrorOccur);
+  EXPECT_TRUE(AVForamt_IsErrorOccur) << "left as it was";
 }
 
 }  // namespace

@@ -1,14 +1,7 @@
-// Multiplexing: input files interleaved by the worker, caller-fed streams, and
-// the calls this family refuses. Outputs are read back with ffprobe or
-// FFmpeg's framecrc muxer.
+// Multiplexing: input files interleaved by the worker and caller-fed streams,
+// read back with ffprobe or FFmpeg's framecrc muxer. Its refusals are in the
+// lifecycle suite's table.
 #include <gtest/gtest.h>
-
-extern "C" {
-#include <libavutil/mem.h>
-}
-
-#include <functional>
-#include <memory>
 
 #include "support/families.h"
 
@@ -34,19 +27,8 @@ const std::string& VideoFile() {
   return path;
 }
 
-using Parameters = std::shared_ptr<AVCodecParameters>;
-Parameters MakeParameters(AVMediaType type, int width = 160) {
-  Parameters parameters(avcodec_parameters_alloc(), [](AVCodecParameters* p) { avcodec_parameters_free(&p); });
-  parameters->codec_type = type;
-  parameters->codec_id = type == AVMEDIA_TYPE_VIDEO ? AV_CODEC_ID_MPEG4 : AV_CODEC_ID_PCM_S16LE;
-  parameters->width = width;
-  parameters->height = 120;
-  parameters->sample_rate = 48000;
-  av_channel_layout_default(&parameters->ch_layout, 1);
-  return parameters;
-}
 bool Create(void* task, AVMediaType type, int width = 160) {
-  return AVFormat_Packet_StreamCreate(task, MakeParameters(type, width).get());
+  return AVFormat_Packet_StreamCreate(task, StreamParameters(type, width).get());
 }
 
 // Runs a task over `sources` to its end and returns the output's packets;
@@ -165,83 +147,6 @@ TEST(PacketStream, VideoDurationFollowsTheTimeBaseDenominator) {
     EXPECT_EQ(listed[3], duration);
     const AVRational listed_base{1, index == 0 && with_video ? 90000 : 48000};
     EXPECT_TRUE(!with_info || listed[2] == av_rescale_q(2, {time_base.num, time_base.den}, listed_base)) << listed[2];
-  }
-}
-
-// The calls refused by this family's own rules on order, arguments and
-// memory. Each row: the task's stage, then the call that must fail. A started
-// task's worker is held in its first progress call until the row is done.
-TEST(PacketErrors, RefusedCallsGiveTheirCodes) {
-  enum Step { kInit, kOutput, kInput, kStream, kBadStream, kStarted, kWritten };
-  const std::string file = TempPath("errors.mkv");
-  AVCODEC_TIMEBASE base{1, 25};
-  const uint8_t data[8] = {};
-  MemoryReader empty(std::vector<uint8_t>{}), video(ReadFile(VideoFile()));
-  MemoryWriter writer;
-  const auto output = [&](void* t) { return AVFormat_Packet_Output(t, file.c_str(), 0, 0, nullptr, nullptr); };
-  const auto input = [&](void* t) { return AVFormat_Packet_Input(t, VideoFile().c_str(), nullptr, nullptr); };
-  const auto create = [](void* t) { return Create(t, AVMEDIA_TYPE_VIDEO); };
-  const auto write = [&](void* t, int index = 0, int64_t at = 0) {
-    AVCODEC_PACKETINFO info{at, at, 1};
-    return AVFormat_Packet_StreamWrite(t, index, data, 8, &base, &info);
-  };
-  const auto scarce = [](const std::function<bool()>& call) {  // allocations above 1 MiB fail
-    av_max_alloc(1 << 20);
-    const bool result = call();
-    av_max_alloc(INT_MAX);
-    return result;
-  };
-  Parameters big = MakeParameters(AVMEDIA_TYPE_VIDEO);
-  big->extradata = static_cast<uint8_t*>(av_mallocz(2 << 20));
-  big->extradata_size = 2 << 20;
-  const uint64_t kParameter = ERROR_AVFORMAT_PACKET_PARAMETER, kMalloc = ERROR_AVFORMAT_PACKET_MALLOC,
-                 kHeader = ERROR_AVFORMAT_PACKET_WRITEHEADER, kFrame = ERROR_AVFORMAT_PACKET_WRITEFRAME,
-                 kThread = ERROR_AVFORMAT_PACKET_THREAD;
-  // clang-format off
-  const std::tuple<const char*, Step, std::function<bool(void*)>, uint64_t> cases[] = {
-      {"Output: no name", kInit, [](void* t) { return AVFormat_Packet_Output(t, nullptr, 0, 0, nullptr, nullptr); }, kParameter},
-      {"Output: no memory", kInit, [&](void* t) { return scarce([&] { return AVFormat_Packet_Output(t, "matroska", 0, 0, MemoryWriter::Write, &writer); }); }, kMalloc},
-      {"Output: after Start", kStarted, output, kParameter},
-      {"Input: before Output", kInit, input, kParameter},
-      {"Input: nothing to open", kOutput, [](void* t) { return AVFormat_Packet_Input(t, nullptr, nullptr, nullptr); }, kParameter},
-      {"Input: a url beside a read function is opened first", kOutput, [&](void* t) { return AVFormat_Packet_Input(t, "/nonexistent.mkv", MemoryReader::Read, &video); }, ERROR_AVFORMAT_PACKET_OPEN},
-      {"Input: no memory", kOutput, [&](void* t) { return scarce([&] { return AVFormat_Packet_Input(t, nullptr, MemoryReader::Read, &empty); }); }, kMalloc},
-      {"Input: after Start", kStarted, input, kParameter},
-      {"Start: before Output", kInit, AVFormat_Packet_Start, kParameter},
-      {"Start: no input", kOutput, AVFormat_Packet_Start, kHeader},
-      {"Start: header refused", kBadStream, [&](void* t) { return input(t) && AVFormat_Packet_Start(t); }, kHeader},
-      {"Start: twice", kStarted, AVFormat_Packet_Start, kParameter},
-      {"Start: after StreamWrite", kInput, [&](void* t) { return write(t) && AVFormat_Packet_Start(t); }, kParameter},
-      {"StreamCreate: null parameters", kOutput, [](void* t) { return AVFormat_Packet_StreamCreate(t, nullptr); }, kParameter},
-      {"StreamCreate: before Output", kInit, create, kParameter},
-      {"StreamCreate: after the header", kWritten, create, kParameter},
-      {"StreamCreate: copy fails", kOutput, [&](void* t) { return scarce([&] { return AVFormat_Packet_StreamCreate(t, big.get()); }); }, ERROR_AVFORMAT_PACKET_CODECPAR},
-      {"StreamCreate: while running", kStarted, create, kThread},
-      {"StreamWrite: before Output", kInit, write, kParameter},
-      {"StreamWrite: null time base", kStream, [&](void* t) { return AVFormat_Packet_StreamWrite(t, 0, data, 8, nullptr, nullptr); }, kParameter},
-      {"StreamWrite: no such stream", kStream, [&](void* t) { return write(t, 1); }, kParameter},
-      {"StreamWrite: negative stream", kStream, [&](void* t) { return write(t, -1); }, kParameter},
-      {"StreamWrite: header refused", kBadStream, write, kHeader},
-      {"StreamWrite: after a refused header", kBadStream, [&](void* t) { return write(t) || write(t); }, kFrame},
-      {"StreamWrite: packet refused", kStream, [&](void* t) { return write(t, 0, 5) && write(t); }, kFrame},
-      {"StreamWrite: while running", kStarted, write, kThread},
-  };
-  // clang-format on
-  for (const auto& [name, stage, call, code] : cases) {
-    SCOPED_TRACE(name);
-    AnyTask task(Family::kPacket);
-    void* t = task.handle();
-    if (stage == kStarted) {
-      ASSERT_TRUE(task.Reach(Stage::kHeld, {{VideoFile()}}, {file}));
-    } else {
-      EXPECT_TRUE(stage == kInit || output(t));
-      EXPECT_TRUE(stage != kInput || input(t));
-      EXPECT_TRUE((stage != kStream && stage != kWritten) || create(t));
-      EXPECT_TRUE(stage != kBadStream || Create(t, AVMEDIA_TYPE_VIDEO, 0));  // no dimensions
-      EXPECT_TRUE(stage != kWritten || write(t));
-    }
-    EXPECT_FALSE(call(t));
-    EXPECT_EQ(LastError(), (ErrorState{true, code})) << ToString(LastError());
   }
 }
 

@@ -149,6 +149,14 @@ void WriteSynthetic(const std::string& path, const std::string& format, const st
   avformat_free_context(output);
 }
 
+std::shared_ptr<AVCodecParameters> StreamParameters(AVMediaType type, int width) {
+  std::shared_ptr<AVCodecParameters> p(avcodec_parameters_alloc(), [](AVCodecParameters* q) { avcodec_parameters_free(&q); });
+  p->codec_type = type, p->codec_id = type == AVMEDIA_TYPE_VIDEO ? AV_CODEC_ID_MPEG4 : AV_CODEC_ID_PCM_S16LE;
+  p->width = width, p->height = 120, p->sample_rate = 48000;
+  av_channel_layout_default(&p->ch_layout, 1);
+  return p;
+}
+
 std::vector<ProbePacket> ProbePackets(const std::string& path) {
   std::vector<ProbePacket> packets;
   for (auto& f :
