@@ -1,5 +1,6 @@
-// Conversion: remuxing between containers, cuts, made-up timestamps, the
-// caller I/O bridge, stream selection, Seek and the family's own refusals.
+// Conversion: remuxing between containers and through the caller I/O bridge,
+// stream selection and Seek. Its cuts, made-up times and refusals are in the
+// lifecycle suite's tables.
 #include <gtest/gtest.h>
 
 #include "support/families.h"

@@ -1,6 +1,6 @@
 // What every family does alike, each case run against all four through
-// qtest::AnyTask: Stop at every stage, names that can't be used, and the
-// error state.
+// qtest::AnyTask: Stop at every stage, the cut bounds, every family's
+// refusals, names that can't be used, and the error state.
 extern "C" {
 #include <libavutil/mem.h>
 }

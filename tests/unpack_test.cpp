@@ -1,6 +1,6 @@
 // Demultiplexing: splitting by stream on the worker with cuts, pulling packets
-// and codec parameters, seeking and the family's own refusals, checked against
-// ffprobe's view of the files.
+// and codec parameters, and seeking, checked against ffprobe's view of the
+// files. Its refusals are in the lifecycle suite's table.
 #include <gtest/gtest.h>
 
 #include "support/families.h"
