@@ -13,9 +13,11 @@ using namespace qtest;
 // the output container keeps the bitstream as it is; one progress call each.
 TEST(ConvertRemux, KeepsEveryPacketBetweenContainersAndThroughCallerFunctions) {
   // From, to, exact (MPEG-TS adds ADTS headers to AAC and its own start delay), through caller functions.
-  const std::tuple<std::string, std::string, bool, bool> cases[] = {
-      {"mkv", "mp4", true, false}, {"mp4", "mkv", true, false}, {"mkv", "nut", true, false},
-      {"mp4", "ts", false, false}, {"mkv", "mkv", true, true}};
+  const std::tuple<std::string, std::string, bool, bool> cases[] = {{"mkv", "mp4", true, false},
+                                                                    {"mp4", "mkv", true, false},
+                                                                    {"mkv", "nut", true, false},
+                                                                    {"mp4", "ts", false, false},
+                                                                    {"mkv", "mkv", true, true}};
   for (const auto& [from, to, exact, bridged] : cases) {
     SCOPED_TRACE(from + " -> " + to + (bridged ? " through caller functions" : ""));
     const std::string input = VideoAudioClip(from), output = TempPath("remux_" + from + "." + to);
@@ -54,7 +56,9 @@ TEST(ConvertStreams, DataStreamsAreDroppedAndLaterStreamsLoseTheirIndex) {
   const std::string input = TempPath("layout.nut"), output = TempPath("layout.mkv");
   // Input streams, output stream types, audio packets written.
   const std::tuple<std::vector<SyntheticStream>, std::string, size_t> cases[] = {
-      {{video, data, audio}, "videoaudio", 0}, {{video, audio, data}, "videoaudio", 50}, {{audio, video}, "audiovideo", 50}};
+      {{video, data, audio}, "videoaudio", 0},
+      {{video, audio, data}, "videoaudio", 50},
+      {{audio, video}, "audiovideo", 50}};
   for (const auto& [layout, types, audio_packets] : cases) {
     SCOPED_TRACE(types + std::to_string(audio_packets));
     WriteSynthetic(input, "nut", layout);

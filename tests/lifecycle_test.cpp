@@ -213,7 +213,9 @@ TEST(Refusals, EachFamilysCallsGiveTheirCodes) {
   const Call in = [&](AnyTask& t) { return t.Input({{clip}}); }, go = [](AnyTask& t) { return t.Start(); };
   const Call to = [&](AnyTask& t) { return t.Output({out}); };
   const auto made = [&](const std::string& name) {  // then refused by its header on Start
-    return [&, name](AnyTask& t) { return t.Output({name, name.find('/') == std::string::npos ? &writer : nullptr}) && in(t) && go(t); };
+    return [&, name](AnyTask& t) {
+      return t.Output({name, name.find('/') == std::string::npos ? &writer : nullptr}) && in(t) && go(t);
+    };
   };
   const auto seek = [](Family f, long long at, int s = 0) {
     return [=](AnyTask& t) {

@@ -80,8 +80,7 @@ struct MemoryWriter {
 };
 
 // Polls `done` until it holds or `timeout` passes; returns whether it held.
-inline bool WaitUntil(const std::function<bool()>& done,
-                      std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
+inline bool WaitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   for (; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(5)))
     if (std::chrono::steady_clock::now() > deadline) return false;
@@ -94,7 +93,9 @@ struct ErrorState {
   uint64_t code;
   bool operator==(const ErrorState& o) const { return occurred == o.occurred && code == o.code; }
 };
-inline ErrorState LastError() { return ErrorState{AVForamt_IsErrorOccur, AVFormat_GetLastError(nullptr)}; }
+inline ErrorState LastError() {
+  return ErrorState{AVForamt_IsErrorOccur, AVFormat_GetLastError(nullptr)};
+}
 inline std::string ToString(const ErrorState& state) {
   return "{occurred=" + std::to_string(state.occurred) + ", code=" + std::to_string(state.code) + "}";
 }

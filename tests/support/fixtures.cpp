@@ -32,7 +32,9 @@ struct Scratch {
   std::string path = std::string(base != nullptr ? base : "/tmp") + "/quorvel-tests-" + std::to_string(getpid());
 };
 
-int64_t Ticks(const std::string& text) { return text.empty() || text == "N/A" ? AV_NOPTS_VALUE : std::stoll(text); }
+int64_t Ticks(const std::string& text) {
+  return text.empty() || text == "N/A" ? AV_NOPTS_VALUE : std::stoll(text);
+}
 
 // ffprobe's sections `prefix`<n> of its flat output, each as its fields with
 // quotes removed; nested sections such as side data are left out.
@@ -150,7 +152,8 @@ void WriteSynthetic(const std::string& path, const std::string& format, const st
 }
 
 std::shared_ptr<AVCodecParameters> StreamParameters(AVMediaType type, int width) {
-  std::shared_ptr<AVCodecParameters> p(avcodec_parameters_alloc(), [](AVCodecParameters* q) { avcodec_parameters_free(&q); });
+  std::shared_ptr<AVCodecParameters> p(avcodec_parameters_alloc(),
+                                       [](AVCodecParameters* q) { avcodec_parameters_free(&q); });
   p->codec_type = type, p->codec_id = type == AVMEDIA_TYPE_VIDEO ? AV_CODEC_ID_MPEG4 : AV_CODEC_ID_PCM_S16LE;
   p->width = width, p->height = 120, p->sample_rate = 48000;
   av_channel_layout_default(&p->ch_layout, 1);
