@@ -38,8 +38,9 @@ TEST(SynthesizedTimestamps, FollowTheCounterAndTruncate) {
       {{25, 1}, {1, 1000}, 0, 0, 40},
       {{25, 1}, {1, 1000}, 2, 80, 40},
       {{30000, 1001}, {1, 1000}, 3, 100, 33},
-      {{0, 1}, {1, 1000}, 3, AV_NOPTS_VALUE, 7},  // no frame rate: stays unset
-      {{25, 1}, {0, 1}, 3, AV_NOPTS_VALUE, 7},    // no time base: stays unset
+      {{0, 1}, {1, 1000}, 3, AV_NOPTS_VALUE, 7},               // no frame rate: stays unset
+      {{25, 1}, {0, 1}, 3, AV_NOPTS_VALUE, 7},                 // no time base: stays unset
+      {{1, 1000000}, {1, 1000}, 10000000, AV_NOPTS_VALUE, 7},  // 10^7 frames of 10^12 us: past 64 bits
   };
   for (const Case& c : cases) {
     AVStream stream{};

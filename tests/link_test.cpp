@@ -1,12 +1,8 @@
-// Concatenation: files joined end to end, checked with ffprobe, and the calls
-// this family refuses.
+// Concatenation: files joined end to end, checked with ffprobe. Its refusals
+// are in the lifecycle suite's table.
 #include <gtest/gtest.h>
 
-#include <functional>
-#include <map>
-
-#include "support/caller.h"
-#include "support/fixtures.h"
+#include "support/families.h"
 
 namespace {
 
@@ -14,12 +10,6 @@ using namespace qtest;
 
 // Synthetic packets are not decodable; their decoders' complaints are noise here.
 const int kQuietLog = (av_log_set_level(AV_LOG_FATAL), 0);
-
-struct LinkInput {
-  std::string file;
-  double start = 0.0, end = 0.0;
-  int video = 0, audio = 1;
-};
 
 // Matroska, whose time base of 1/1000 keeps 1/25 and 1/1000 exact; intra-only
 // video, so that no reader guesses a decoding delay for the undecodable packets.
@@ -44,13 +34,10 @@ std::vector<int64_t> Ramps(const std::vector<std::pair<int64_t, int64_t>>& ramps
 }
 
 // The codec of the first stream of `type` in the first input that has one.
-std::string DescribedFrom(const std::vector<LinkInput>& inputs, const std::string& type) {
-  static std::map<std::string, std::vector<ProbeStream>> probed;
-  for (const LinkInput& in : inputs) {
-    if (!probed.count(in.file)) probed[in.file] = ProbeStreams(in.file);
-    for (const auto& stream : probed[in.file])
+std::string DescribedFrom(const std::vector<Source>& inputs, const std::string& type) {
+  for (const Source& in : inputs)
+    for (const auto& stream : ProbeStreams(in.url))
       if (stream.codec_type == type) return stream.codec_name;
-  }
   return "";
 }
 
@@ -75,7 +62,7 @@ TEST(LinkJoin, WritesWhatTheCallerAsks) {
   struct Case {
     const char* name;
     std::string container;
-    std::vector<LinkInput> inputs;
+    std::vector<Source> inputs;
     std::vector<std::string> types;  // output streams in order
     std::vector<size_t> packets;     // per output stream
     size_t calls;
@@ -83,18 +70,18 @@ TEST(LinkJoin, WritesWhatTheCallerAsks) {
   } const cases[] = {
       {"two clips", "mkv", {{clip}, {clip}}, both, {2 * v, 2 * a}, 2 * (v + a)},
       {"three clips", "mp4", {{clip}, {clip}, {clip}}, both, {3 * v, 3 * a}, 3 * (v + a)},
-      {"audio-only first input", "mkv", {{audio_only, 0, 0, 0, 0}, {av}}, {"audio", "video"}, {60, 40}, 100},
-      {"video index -1", "mkv", {{av, 0, 0, -1, 1}, {av}}, both, {40, 60}, 100},
-      {"audio index -1", "mkv", {{av, 0, 0, 0, -1}}, both, {40, 0}, 40},
-      {"index outside the input", "mkv", {{av, 0, 0, 7, 1}}, both, {0, 30}, 30},
+      {"audio-only first input", "mkv", {{audio_only, nullptr, 0, 0, 0, 0}, {av}}, {"audio", "video"}, {60, 40}, 100},
+      {"video index -1", "mkv", {{av, nullptr, 0, 0, -1, 1}, {av}}, both, {40, 60}, 100},
+      {"audio index -1", "mkv", {{av, nullptr, 0, 0, 0, -1}}, both, {40, 0}, 40},
+      {"index outside the input", "mkv", {{av, nullptr, 0, 0, 7, 1}}, both, {0, 30}, 30},
       {"other streams stay out", "mkv", {{two_videos}}, both, {40, 30}, 70},
-      {"second video stream", "mkv", {{two_videos, 0, 0, 2, 1}}, both, {20, 30}, 50},
-      {"named as both kinds", "mkv", {{av, 0, 0, 1, 1}}, both, {0, 30}, 30},
-      {"cut", "mkv", {{four_seconds, 1.01, 2.01}}, video, {26}, 100},
-      {"cut, start 0 or less", "mkv", {{four_seconds, -1.0, 2.01}}, video, {100}, 100},
-      {"cut, end 0 or less", "mkv", {{four_seconds, 1.01, 0.0}}, video, {100}, 100},
-      {"cut, end before start", "mkv", {{four_seconds, 3.01, 2.01}}, video, {51}, 100},
-      {"cut on the output timeline", "mkv", {{four_seconds}, {four_seconds, 5.01, 10.0}}, video, {126}, 200},
+      {"second video stream", "mkv", {{two_videos, nullptr, 0, 0, 2, 1}}, both, {20, 30}, 50},
+      {"named as both kinds", "mkv", {{av, nullptr, 0, 0, 1, 1}}, both, {0, 30}, 30},
+      {"cut", "mkv", {{four_seconds, nullptr, 1.01, 2.01}}, video, {26}, 100},
+      {"cut, start 0 or less", "mkv", {{four_seconds, nullptr, -1.0, 2.01}}, video, {100}, 100},
+      {"cut, end 0 or less", "mkv", {{four_seconds, nullptr, 1.01, 0.0}}, video, {100}, 100},
+      {"cut, end before start", "mkv", {{four_seconds, nullptr, 3.01, 2.01}}, video, {51}, 100},
+      {"cut on the output timeline", "mkv", {{four_seconds}, {four_seconds, nullptr, 5.01, 10.0}}, video, {126}, 200},
       {"equal spacing", "mkv", {{ones}, {ones}}, video, {200}, 200, Ramps({{0, 1}, {99, 1}})},
       {"double spacing", "mp4", {{twos}, {ones}}, video, {200}, 200, Ramps({{0, 2}, {199, 1}})},
       {"three inputs", "mkv", {{ones}, {ones}, {ones}}, video, {300}, 300, Ramps({{0, 1}, {99, 1}, {199, 1}})},
@@ -102,15 +89,8 @@ TEST(LinkJoin, WritesWhatTheCallerAsks) {
   for (const Case& c : cases) {
     SCOPED_TRACE(std::string(c.name) + " into " + c.container);
     const std::string output = TempPath("joined." + c.container);
-    ProgressLog log;
-    void* task = AVFormat_Link_Init(ProgressLog::Record, &log);
-    ASSERT_TRUE(AVFormat_Link_Output(task, output.c_str()));
-    for (const LinkInput& in : c.inputs)
-      ASSERT_TRUE(AVFormat_Link_Input(task, in.file.c_str(), in.start, in.end, in.video, in.audio));
-    ASSERT_TRUE(AVFormat_Link_Start(task));
-    bool running = true;
-    EXPECT_TRUE(WaitUntil([&] { return AVFormat_Link_GetStatus(task, &running) && !running; }));
-    EXPECT_TRUE(AVFormat_Link_Stop(task));
+    AnyTask task(Family::kLink);
+    ASSERT_TRUE(task.Reach(Stage::kEnded, c.inputs, {output}) && task.Stop());
 
     const auto streams = ProbeStreams(output);
     const auto packets = ProbePackets(output);
@@ -127,43 +107,10 @@ TEST(LinkJoin, WritesWhatTheCallerAsks) {
       }
       EXPECT_EQ(s == 0 && !c.pts.empty() ? pts : c.pts, c.pts);
     }
-    const auto calls = log.Calls();
+    const auto calls = task.log.Calls();
     EXPECT_EQ(calls.size(), c.calls);
     long long next[2] = {1, 1};
     for (const auto& call : calls) EXPECT_EQ(call.number, next[call.type == AVMEDIA_TYPE_VIDEO ? 0 : 1]++);
-  }
-}
-
-// The calls refused by this family's own rules on order and arguments. Each
-// task is then stopped, whatever state the failure left it in (never started,
-// header refused, worker running).
-TEST(LinkErrors, RefusedCallsGiveTheirCodes) {
-  const std::string clip = VideoAudioClip("mkv"), out = TempPath("refused.mkv");
-  const auto output = [&](void* t) { return AVFormat_Link_Output(t, out.c_str()); };
-  const auto input = [&](void* t) { return AVFormat_Link_Input(t, clip.c_str(), 0, 0, 0, 1); };
-  const auto start = [](void* t) { return AVFormat_Link_Start(t); };
-  const uint64_t kParameter = ERROR_AVFORMAT_LINK_PARAMETER;
-  const struct {
-    const char* name;
-    std::function<bool(void*)> call;
-    uint64_t code;
-  } cases[] = {
-      {"Output null name", [](void* t) { return AVFormat_Link_Output(t, nullptr); }, ERROR_AVFORMAT_LINK_OUTPUTFORMAT},
-      {"Output after Input", [&](void* t) { return output(t) && input(t) && output(t); }, kParameter},
-      {"Input null name", [&](void* t) { return output(t) && AVFormat_Link_Input(t, nullptr, 0, 0, 0, 1); },
-       kParameter},
-      {"Input before Output", input, kParameter},
-      {"Input after Start", [&](void* t) { return output(t) && input(t) && start(t) && input(t); }, kParameter},
-      {"Start without Output", start, kParameter},
-      {"Start without streams", [&](void* t) { return output(t) && start(t); }, ERROR_AVFORMAT_LINK_WRITEHEADER},
-      {"Start twice", [&](void* t) { return output(t) && input(t) && start(t) && start(t); }, kParameter},
-      {"Start after a refused header", [&](void* t) { return output(t) && (start(t) || start(t)); }, kParameter},
-  };
-  for (const auto& c : cases) {
-    void* task = AVFormat_Link_Init(nullptr, nullptr);
-    EXPECT_FALSE(c.call(task)) << c.name;
-    EXPECT_EQ(LastError(), (ErrorState{true, c.code})) << c.name;
-    EXPECT_TRUE(AVFormat_Link_Stop(task)) << c.name;
   }
 }
 

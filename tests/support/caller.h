@@ -6,7 +6,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <mutex>
@@ -48,17 +47,14 @@ class ProgressLog {
 struct MemoryReader {
   explicit MemoryReader(std::vector<uint8_t> bytes) : data(std::move(bytes)) {}
   static int Read(void* context, unsigned char* buffer, int size) {
-    auto* reader = static_cast<MemoryReader*>(context);
-    ++reader->calls;
-    size_t end = reader->data.size();
-    if (reader->fail_after >= 0) {
-      if (reader->position >= static_cast<size_t>(reader->fail_after)) return reader->failure;
-      end = std::min(end, static_cast<size_t>(reader->fail_after));
-    }
-    const size_t count = std::min(end - reader->position, static_cast<size_t>(size));
+    auto* r = static_cast<MemoryReader*>(context);
+    ++r->calls;
+    const size_t end = r->fail_after < 0 ? r->data.size() : std::min(r->data.size(), size_t(r->fail_after));
+    if (r->fail_after >= 0 && r->position >= size_t(r->fail_after)) return r->failure;
+    const size_t count = std::min(end - r->position, static_cast<size_t>(size));
     if (count == 0) return AVFORMAT_IO_EOF;
-    std::memcpy(buffer, reader->data.data() + reader->position, count);
-    reader->position += count;
+    std::memcpy(buffer, r->data.data() + r->position, count);
+    r->position += count;
     return static_cast<int>(count);
   }
   std::vector<uint8_t> data;
@@ -72,10 +68,10 @@ struct MemoryReader {
 // accepts that many bytes and then fails with EIO.
 struct MemoryWriter {
   static int Write(void* context, unsigned char* buffer, int size) {
-    auto* writer = static_cast<MemoryWriter*>(context);
-    ++writer->calls;
-    if (writer->fail_after >= 0 && static_cast<long long>(writer->data.size() + size) > writer->fail_after) return -5;
-    writer->data.insert(writer->data.end(), buffer, buffer + size);
+    auto* w = static_cast<MemoryWriter*>(context);
+    ++w->calls;
+    if (w->fail_after >= 0 && static_cast<long long>(w->data.size() + size) > w->fail_after) return -5;
+    w->data.insert(w->data.end(), buffer, buffer + size);
     return size;
   }
   std::vector<uint8_t> data;
@@ -84,8 +80,7 @@ struct MemoryWriter {
 };
 
 // Polls `done` until it holds or `timeout` passes; returns whether it held.
-inline bool WaitUntil(const std::function<bool()>& done,
-                      std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
+inline bool WaitUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
   const auto deadline = std::chrono::steady_clock::now() + timeout;
   for (; !done(); std::this_thread::sleep_for(std::chrono::milliseconds(5)))
     if (std::chrono::steady_clock::now() > deadline) return false;
@@ -96,14 +91,13 @@ inline bool WaitUntil(const std::function<bool()>& done,
 struct ErrorState {
   bool occurred;
   uint64_t code;
-  bool operator==(const ErrorState& other) const { return occurred == other.occurred && code == other.code; }
+  bool operator==(const ErrorState& o) const { return occurred == o.occurred && code == o.code; }
 };
-inline ErrorState LastError() { return ErrorState{AVForamt_IsErrorOccur, AVFormat_GetLastError(nullptr)}; }
+inline ErrorState LastError() {
+  return ErrorState{AVForamt_IsErrorOccur, AVFormat_GetLastError(nullptr)};
+}
 inline std::string ToString(const ErrorState& state) {
-  char text[64];
-  std::snprintf(text, sizeof text, "{occurred=%d, code=0x%llx}", state.occurred ? 1 : 0,
-                static_cast<unsigned long long>(state.code));
-  return text;
+  return "{occurred=" + std::to_string(state.occurred) + ", code=" + std::to_string(state.code) + "}";
 }
 
 }  // namespace qtest

@@ -77,7 +77,7 @@ bool AnyTask::Input(const std::vector<Source>& sources) {
   for (const Source& s : sources) {
     const char* url = s.reader != nullptr && s.url.empty() ? nullptr : s.url.c_str();
     ok = ok && Check(family == Family::kLink
-                         ? AVFormat_Link_Input(handle_, url, 0, 0, 0, 1)
+                         ? AVFormat_Link_Input(handle_, url, s.start, s.end, s.video, s.audio)
                          : Of(family).input(handle_, url, s.reader ? MemoryReader::Read : nullptr, s.reader));
     if (family == Family::kConvert || family == Family::kUnpack) break;
   }
@@ -87,13 +87,21 @@ bool AnyTask::Input(const std::vector<Source>& sources) {
 bool AnyTask::Output(const Sink& sink) {
   const AVFORMAT_IO_FUNCTION write = sink.writer != nullptr ? MemoryWriter::Write : nullptr;
   if (family == Family::kLink) return Check(AVFormat_Link_Output(handle_, sink.name.c_str()));
-  if (family != Family::kUnpack) return Check(Of(family).output(handle_, sink.name.c_str(), 0, 0, write, sink.writer));
-  AVCODEC_FORMATINFO record{};
-  std::snprintf(record.szName, sizeof record.szName, "%s", sink.name.c_str());
-  record.pWriteFunc = write;
-  record.pWriteContext = sink.writer;
-  AVCODEC_FORMATINFO *records[] = {&record}, **list = records;
-  return Check(AVFormat_UNPack_Output(handle_, &list, 1));
+  if (family == Family::kUnpack) return Outputs({sink});
+  return Check(Of(family).output(handle_, sink.name.c_str(), sink.start, sink.end, write, sink.writer));
+}
+
+bool AnyTask::Outputs(const std::vector<Sink>& sinks) {
+  std::vector<AVCODEC_FORMATINFO> records(sinks.size());
+  std::vector<AVCODEC_FORMATINFO*> pointers;
+  for (size_t i = 0; i < sinks.size(); ++i) {
+    const Sink& s = sinks[i];
+    records[i] = {{}, s.start, s.end, s.stream, 0, s.writer ? MemoryWriter::Write : nullptr, s.writer};
+    std::snprintf(records[i].szName, sizeof records[i].szName, "%s", s.name.c_str());
+    pointers.push_back(&records[i]);
+  }
+  AVCODEC_FORMATINFO** list = pointers.data();
+  return Check(AVFormat_UNPack_Output(handle_, &list, static_cast<int>(sinks.size())));
 }
 
 bool AnyTask::Reach(Stage stage, const std::vector<Source>& sources, const Sink& sink) {

@@ -29,16 +29,21 @@ struct Codes {
 };
 const Codes& CodesOf(Family family);
 
-// Where a task reads: a file name or URL, or (all but concatenation) a caller read function.
+// Where a task reads: a file name or URL, or (all but concatenation) a caller
+// read function; for concatenation also the input's cut and its two streams.
 struct Source {
   std::string url;
   MemoryReader* reader = nullptr;
+  double start = 0, end = 0;
+  int video = 0, audio = 1;
 };
-// Where a task writes: a file name, or with a writer a format's short name. A
-// demultiplexing task writes input stream 0 there.
+// Where a task writes: a file name, or with a writer a format's short name,
+// with the output's cut. A demultiplexing task writes input stream `stream` there.
 struct Sink {
   std::string name;
   MemoryWriter* writer = nullptr;
+  double start = 0, end = 0;
+  int stream = 0;
 };
 
 // How far Reach takes a task. "First" and "second" are the family's set-up
@@ -58,6 +63,7 @@ class AnyTask {
   bool Reach(Stage stage, const std::vector<Source>& sources, const Sink& sink);
   bool Input(const std::vector<Source>& sources);  // one input per source (conversion and demultiplexing: the first)
   bool Output(const Sink& sink);
+  bool Outputs(const std::vector<Sink>& sinks);  // demultiplexing: one output per sink, in one call
   bool Start();
   bool Suspend(bool pause);
   bool Status(bool* running);

@@ -82,9 +82,7 @@ std::string Clip(const std::string& name, const std::string& arguments) {
   const std::string path = TempPath(name);
   const std::string command =
       std::string(QUORVEL_FFMPEG_TOOL) + " -nostdin -v error -y " + arguments + " '" + path + "'";
-  if (made.insert(name).second) {
-    EXPECT_EQ(Run(command), 0) << command;
-  }
+  EXPECT_TRUE(!made.insert(name).second || Run(command) == 0) << command;
   return path;
 }
 
@@ -122,20 +120,15 @@ void WriteSynthetic(const std::string& path, const std::string& format, const st
     for (int n = 0; n < wanted.count; ++n)
       order.emplace_back(static_cast<double>(wanted.first_pts + n * wanted.step) * av_q2d(wanted.time_base), i);
     AVStream* stream = avformat_new_stream(output, nullptr);
+    AVCodecParameters* p = stream->codecpar;
     stream->time_base = wanted.time_base;
-    AVCodecParameters* parameters = stream->codecpar;
-    parameters->codec_type = wanted.type;
-    parameters->codec_id = wanted.codec;
-    parameters->codec_tag = wanted.tag;
+    p->codec_type = wanted.type, p->codec_id = wanted.codec, p->codec_tag = wanted.tag;
     if (wanted.type == AVMEDIA_TYPE_VIDEO) {
-      parameters->width = 160;
-      parameters->height = 120;
-      parameters->format = AV_PIX_FMT_YUV420P;
+      p->width = 160, p->height = 120, p->format = AV_PIX_FMT_YUV420P;
       stream->avg_frame_rate = stream->r_frame_rate = wanted.frame_rate;
     } else if (wanted.type == AVMEDIA_TYPE_AUDIO) {
-      parameters->sample_rate = 48000;
-      parameters->format = AV_SAMPLE_FMT_S16;
-      av_channel_layout_default(&parameters->ch_layout, 1);
+      p->sample_rate = 48000, p->format = AV_SAMPLE_FMT_S16;
+      av_channel_layout_default(&p->ch_layout, 1);
     }
   }
   std::stable_sort(order.begin(), order.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
@@ -147,10 +140,8 @@ void WriteSynthetic(const std::string& path, const std::string& format, const st
     const SyntheticStream& wanted = streams[i];
     ASSERT_GE(av_new_packet(packet, wanted.size), 0);
     for (int b = 0; b < wanted.size; ++b) packet->data[b] = static_cast<uint8_t>(written[i] + b);
-    packet->stream_index = static_cast<int>(i);
+    packet->stream_index = static_cast<int>(i), packet->flags = AV_PKT_FLAG_KEY, packet->duration = wanted.step;
     packet->pts = packet->dts = wanted.first_pts + written[i]++ * wanted.step;
-    packet->duration = wanted.step;
-    packet->flags = AV_PKT_FLAG_KEY;
     av_packet_rescale_ts(packet, wanted.time_base, output->streams[i]->time_base);
     ASSERT_GE(av_interleaved_write_frame(output, packet), 0);
   }
@@ -158,6 +149,15 @@ void WriteSynthetic(const std::string& path, const std::string& format, const st
   av_write_trailer(output);
   avio_closep(&output->pb);
   avformat_free_context(output);
+}
+
+std::shared_ptr<AVCodecParameters> StreamParameters(AVMediaType type, int width) {
+  std::shared_ptr<AVCodecParameters> p(avcodec_parameters_alloc(),
+                                       [](AVCodecParameters* q) { avcodec_parameters_free(&q); });
+  p->codec_type = type, p->codec_id = type == AVMEDIA_TYPE_VIDEO ? AV_CODEC_ID_MPEG4 : AV_CODEC_ID_PCM_S16LE;
+  p->width = width, p->height = 120, p->sample_rate = 48000;
+  av_channel_layout_default(&p->ch_layout, 1);
+  return p;
 }
 
 std::vector<ProbePacket> ProbePackets(const std::string& path) {
@@ -200,7 +200,7 @@ std::string Md5(const uint8_t* data, size_t size) {
 
 std::vector<uint8_t> ReadFile(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
-  return std::vector<uint8_t>(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
 }
 
 void WriteFile(const std::string& path, const std::vector<uint8_t>& bytes) {

@@ -8,6 +8,7 @@ extern "C" {
 }
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -49,6 +50,9 @@ struct SyntheticStream {
 // Writes the streams' packets, interleaved by time, into `path` with the
 // container `format` (e.g. "matroska", "nut"). Packet data is a counter pattern.
 void WriteSynthetic(const std::string& path, const std::string& format, const std::vector<SyntheticStream>& streams);
+
+// Codec parameters for a stream a caller creates: MPEG-4 video `width` x 120, or PCM audio at 48 kHz.
+std::shared_ptr<AVCodecParameters> StreamParameters(AVMediaType type, int width = 160);
 
 // A packet as ffprobe lists it.
 struct ProbePacket {
