@@ -28,6 +28,13 @@ void Cut::Close(CutLane& lane) noexcept {
 }
 
 void Cut::SeekToStart(AVFormatContext* input, std::mutex& input_lock, double start) noexcept {
+  // Without a start, zero is where the input starts (the earliest time over
+  // its streams), not the first packet written, which may be later than
+  // another stream's first one (audio ahead of video with B-frames).
+  if (options_.zero_start && !(start > 0.0) && input->start_time != AV_NOPTS_VALUE) {
+    shift_ = input->start_time;
+    shift_base_ = AV_TIME_BASE_Q;
+  }
   if (!options_.keyframe_start || !(start > 0.0)) return;
   const double target = start * AV_TIME_BASE;
   if (!(target < 9.2e18)) return;

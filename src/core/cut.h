@@ -47,7 +47,8 @@ class Cut {
   // lanes with that start begin at the landing point. Nothing for a start of
   // 0 or less, without the flag, or when the input can't seek: those lanes
   // then begin at their first packet at or after their start (video: a key
-  // frame).
+  // frame). With zero_start and no start, also takes the input's start as
+  // the output's zero.
   void SeekToStart(AVFormatContext* input, std::mutex& input_lock, double start) noexcept;
 
   // dts_as_pts: a packet without a presentation time takes its decode time;
@@ -63,7 +64,8 @@ class Cut {
   bool Admit(CutLane& lane, const AVPacket* packet, AVRational base, double seconds) noexcept;
 
   // zero_start: moves the packet back by the time of the first packet that
-  // was written, the same amount for every lane, so that the output starts at 0.
+  // was written (without a start: by the input's start), the same amount for
+  // every lane, so that the output starts at 0.
   void Shift(AVPacket* packet, AVRational base) noexcept;
 
  private:
