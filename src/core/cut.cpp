@@ -34,6 +34,7 @@ void Cut::SeekToStart(AVFormatContext* input, std::mutex& input_lock, double sta
   if (options_.zero_start && !(start > 0.0) && input->start_time != AV_NOPTS_VALUE) {
     shift_ = input->start_time;
     shift_base_ = AV_TIME_BASE_Q;
+    shift_from_input_ = true;
   }
   if (!options_.keyframe_start || !(start > 0.0)) return;
   const double target = start * AV_TIME_BASE;
@@ -77,8 +78,16 @@ bool Cut::Admit(CutLane& lane, const AVPacket* packet, AVRational base, double s
 
 void Cut::Shift(AVPacket* packet, AVRational base) noexcept {
   if (!options_.zero_start) return;
+  const int64_t first = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
+  // The input's start may lie after the first packet (some versions count
+  // it past an audio stream's priming samples): the earlier one is zero.
+  if (shift_from_input_ && first != AV_NOPTS_VALUE && av_compare_ts(first, base, shift_, shift_base_) < 0) {
+    shift_ = first;
+    shift_base_ = base;
+  }
+  shift_from_input_ = false;
   if (shift_ == AV_NOPTS_VALUE) {
-    shift_ = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
+    shift_ = first;
     shift_base_ = base;
     if (shift_ == AV_NOPTS_VALUE) return;
   }

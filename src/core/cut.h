@@ -76,6 +76,7 @@ class Cut {
   double landing_start_ = 0.0;
   int64_t shift_ = AV_NOPTS_VALUE;  // zero_start, in shift_base_
   AVRational shift_base_{0, 1};
+  bool shift_from_input_ = false;  // shift_ is the input's start, not yet compared with a packet
 };
 
 }  // namespace quorvel
