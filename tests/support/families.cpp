@@ -160,8 +160,9 @@ bool AnyTask::StopFromAnotherThread(std::chrono::milliseconds after) {
   std::thread stopper([&] { returned = Of(family).stop(handle); });
   std::this_thread::sleep_for(after);
   const bool early = returned;
-  // Resumed before the held call is let go: until then the worker keeps Stop, and the handle, alive.
-  if (family == Family::kLink) AVFormat_Link_Suspend(handle, false);
+  // A paused concatenation's Stop waits for a resume, which keeps the handle
+  // alive until then; a Stop that has returned has freed it.
+  if (family == Family::kLink && !early) AVFormat_Link_Suspend(handle, false);
   released = true;
   stopper.join();
   return early;

@@ -29,7 +29,8 @@ ff -f lavfi -i testsrc=d=4:s=160x120:r=25 -f lavfi -i sine=d=4 -c:v mpeg2video -
 # Checks, each true or false; a case passes when all of its checks do.
 types() { ffprobe -v error -show_entries stream=codec_type -of csv=p=0 "$1" 2>/dev/null | tr '\n' ' ' | sed 's/ $//'; }
 probe() { [ "$(types "$1")" = "$2" ]; }                 # probe FILE "video audio"
-packets() { ffprobe -v error -show_entries packet=stream_index -of csv=p=0 "$1" 2>/dev/null | wc -l; }
+# Counted per stream by ffprobe: a line per packet would also count side data lines.
+packets() { ffprobe -v error -count_packets -show_entries stream=nb_read_packets -of csv=p=0 "$1" 2>/dev/null | awk '{ n += $1 } END { print n + 0 }'; }
 count() { [ "$(packets "$1")" -eq "$2" ]; }              # count FILE N
 samepackets() { [ "$(packets "$1")" -eq "$(packets "$2")" ]; }
 duration() {                                             # duration FILE MIN MAX
