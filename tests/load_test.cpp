@@ -54,8 +54,8 @@ TEST(Load, ManyTasksOfEveryFamilyPausedResumedAndStoppedAtRandom) {
   }
   std::vector<std::thread> drivers;
   for (size_t t = 0; t < 4; ++t)
-    drivers.emplace_back([&, t, seed = dice()] {
-      std::mt19937 dice(seed);
+    drivers.emplace_back([&, t, first_roll = dice()] {
+      std::mt19937 dice(first_roll);  // each driver rolls its own sequence
       std::vector<size_t> live;
       for (size_t i = t; i < kTasks; i += 4) live.push_back(i);
       for (size_t i : live) EXPECT_TRUE(tasks[i].Reach(Stage::kSetUp, {sources[i]}, sinks[i]) && tasks[i].Start());

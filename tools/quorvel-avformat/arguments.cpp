@@ -94,20 +94,18 @@ double ParseTime(const std::string& text) {
   return static_cast<double>(microseconds) / 1e6;
 }
 
-void CheckStreamSpecifier(const std::string& spec) {
+void CheckStreamSelector(const std::string& selector) {
   // FFmpeg tells a malformed specifier from one that matches nothing only
   // against a stream: a stream of no kind in an empty container serves.
-  std::unique_ptr<AVFormatContext, void (*)(AVFormatContext*)> context(avformat_alloc_context(),
-                                                                       avformat_free_context);
+  std::unique_ptr<AVFormatContext, void (*)(AVFormatContext*)> context(avformat_alloc_context(), avformat_free_context);
   AVStream* stream = context ? avformat_new_stream(context.get(), nullptr) : nullptr;
   if (stream == nullptr) throw std::bad_alloc();
   // FFmpeg logs a malformed specifier as an error of its own; the tool's message says it better.
   const int level = av_log_get_level();
   av_log_set_level(AV_LOG_QUIET);
-  const int matched = spec.empty() ? -1 : avformat_match_stream_specifier(context.get(), stream, spec.c_str());
+  const int matched = selector.empty() ? -1 : avformat_match_stream_specifier(context.get(), stream, selector.c_str());
   av_log_set_level(level);
-  if (matched < 0)
-    throw UsageError(fmt::format("\"{}\" is not a stream specifier (2, v, a:1, s:0, ...)", spec));
+  if (matched < 0) throw UsageError(fmt::format("\"{}\" is not a stream specifier (2, v, a:1, s:0, ...)", selector));
 }
 
 SplitTarget ParseSplitTarget(const std::string& text) {
@@ -117,10 +115,10 @@ SplitTarget ParseSplitTarget(const std::string& text) {
   if (equals == std::string::npos || equals == 0 || equals + 1 == base.size())
     throw UsageError(fmt::format("\"{}\" is not STREAM=OUT[,start=S][,end=E]", text));
   SplitTarget target;
-  target.spec = base.substr(0, equals);
-  CheckStreamSpecifier(target.spec);
-  const bool number = target.spec.find_first_not_of("0123456789") == std::string::npos;
-  target.stream = number ? ParseIndex(target.spec, "stream") : -1;
+  target.selector = base.substr(0, equals);
+  CheckStreamSelector(target.selector);
+  const bool number = target.selector.find_first_not_of("0123456789") == std::string::npos;
+  target.stream = number ? ParseIndex(target.selector, "stream") : -1;
   target.output = base.substr(equals + 1);
   if (settings.count("start")) target.start = ParseTime(settings["start"]);
   if (settings.count("end")) target.end = ParseTime(settings["end"]);

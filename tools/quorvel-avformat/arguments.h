@@ -16,14 +16,14 @@ double ParseTime(const std::string& text);
 // Plain seconds and [h:]m:s only, no units: the stricter form of ParseTime.
 double ParseSeconds(const std::string& text);
 
-// Throws UsageError unless `spec` is a stream specifier in FFmpeg's syntax
+// Throws UsageError unless `selector` is a stream specifier in FFmpeg's syntax
 // (2, v, a:1, s:0, p:1:v, m:language:eng, ...).
-void CheckStreamSpecifier(const std::string& spec);
+void CheckStreamSelector(const std::string& selector);
 
-// SPEC=OUT[,start=S][,end=E]: SPEC a stream specifier that names one stream.
+// STREAMS=OUT[,start=S][,end=E]: STREAMS a stream specifier that names one stream.
 struct SplitTarget {
-  int stream = 0;    // SPEC as a number, or -1 when it is some other specifier
-  std::string spec;  // as given
+  int stream = 0;        // STREAMS as a number, or -1 when it is some other specifier
+  std::string selector;  // as given
   std::string output;
   double start = 0.0, end = 0.0;
 };

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// extract IN SPEC=OUT[,start=S][,end=E]... | extract IN --all [--name TEMPLATE]:
+// extract IN STREAMS=OUT[,start=S][,end=E]... | extract IN --all [--name TEMPLATE]:
 // streams taken out of IN, each into a container of its own. `split` is its
 // other name.
 #include <fmt/core.h>
@@ -37,10 +37,10 @@ struct ExtractOptions {
 // there is one, Matroska otherwise.
 std::string Extension(const AVCodecParameters& p) {
   static const std::map<AVCodecID, const char*> kOwn = {
-      {AV_CODEC_ID_AAC, "m4a"},     {AV_CODEC_ID_MP3, "mp3"},     {AV_CODEC_ID_FLAC, "flac"},
-      {AV_CODEC_ID_OPUS, "opus"},   {AV_CODEC_ID_VORBIS, "ogg"},  {AV_CODEC_ID_AC3, "ac3"},
-      {AV_CODEC_ID_EAC3, "eac3"},   {AV_CODEC_ID_SUBRIP, "srt"},  {AV_CODEC_ID_ASS, "ass"},
-      {AV_CODEC_ID_WEBVTT, "vtt"},  {AV_CODEC_ID_PCM_S16LE, "wav"}};
+      {AV_CODEC_ID_AAC, "m4a"},    {AV_CODEC_ID_MP3, "mp3"},      {AV_CODEC_ID_FLAC, "flac"},
+      {AV_CODEC_ID_OPUS, "opus"},  {AV_CODEC_ID_VORBIS, "ogg"},   {AV_CODEC_ID_AC3, "ac3"},
+      {AV_CODEC_ID_EAC3, "eac3"},  {AV_CODEC_ID_SUBRIP, "srt"},   {AV_CODEC_ID_ASS, "ass"},
+      {AV_CODEC_ID_WEBVTT, "vtt"}, {AV_CODEC_ID_PCM_S16LE, "wav"}};
   const auto own = kOwn.find(p.codec_id);
   if (own != kOwn.end()) return own->second;
   return p.codec_type == AVMEDIA_TYPE_VIDEO ? "mkv" : p.codec_type == AVMEDIA_TYPE_AUDIO ? "mka" : "mks";
@@ -66,11 +66,11 @@ std::vector<SplitTarget> AllTargets(const ExtractOptions& options, const MediaFi
     }
     SplitTarget target;
     target.stream = static_cast<int>(i);
-    target.spec = std::to_string(i);
+    target.selector = std::to_string(i);
     try {
       target.output = fmt::format(fmt::runtime(options.name_template), fmt::arg("stem", Stem(options.input)),
-                                  fmt::arg("index", i), fmt::arg("type", type), fmt::arg("codec", avcodec_get_name(p.codec_id)),
-                                  fmt::arg("ext", Extension(p)));
+                                  fmt::arg("index", i), fmt::arg("type", type),
+                                  fmt::arg("codec", avcodec_get_name(p.codec_id)), fmt::arg("ext", Extension(p)));
     } catch (const fmt::format_error& error) {
       throw UsageError(fmt::format("--name \"{}\": {} (fields: stem, index, type, codec, ext)", options.name_template,
                                    error.what()));
@@ -84,15 +84,15 @@ std::vector<SplitTarget> AllTargets(const ExtractOptions& options, const MediaFi
 void Resolve(SplitTarget& target, const MediaFile* file, const std::string& input) {
   if (file == nullptr) {
     if (target.stream < 0)
-      throw UsageError(fmt::format("\"{}\": standard input can't be looked into first; name streams by number",
-                                   target.spec));
+      throw UsageError(
+          fmt::format("\"{}\": standard input can't be looked into first; name streams by number", target.selector));
     return;
   }
-  const std::vector<int> matched = file->Match(target.spec);
-  if (matched.empty()) throw ToolFailure(fmt::format("\"{}\" matches no stream of {}", target.spec, Shown(input)));
+  const std::vector<int> matched = file->Match(target.selector);
+  if (matched.empty()) throw ToolFailure(fmt::format("\"{}\" matches no stream of {}", target.selector, Shown(input)));
   if (matched.size() > 1)
-    throw ToolFailure(fmt::format("\"{}\" matches {} streams of {} ({}); name one, {}:0 for instance", target.spec,
-                                  matched.size(), Shown(input), fmt::join(matched, ", "), target.spec));
+    throw ToolFailure(fmt::format("\"{}\" matches {} streams of {} ({}); name one, {}:0 for instance", target.selector,
+                                  matched.size(), Shown(input), fmt::join(matched, ", "), target.selector));
   target.stream = matched.front();
 }
 
@@ -140,8 +140,7 @@ void CheckTargets(const std::vector<SplitTarget>& targets, const ExtractOptions&
 
 int RunExtract(const ExtractOptions& options, const CommonOptions& common) {
   const bool piped_in = options.input == "-";
-  if (options.all == !options.targets.empty())
-    throw UsageError("give either SPEC=OUT targets or --all");
+  if (options.all == !options.targets.empty()) throw UsageError("give either STREAMS=OUT targets or --all");
   if (options.all && piped_in) throw UsageError("--all needs a named input");
   // The input is opened, and every specifier matched, before any output exists.
   std::unique_ptr<MediaFile> file;
@@ -149,7 +148,8 @@ int RunExtract(const ExtractOptions& options, const CommonOptions& common) {
   std::vector<SplitTarget> targets;
   if (options.all) {
     targets = AllTargets(options, *file, common);
-    if (targets.empty()) throw ToolFailure(fmt::format("{} has no video, audio or subtitle stream", Shown(options.input)));
+    if (targets.empty())
+      throw ToolFailure(fmt::format("{} has no video, audio or subtitle stream", Shown(options.input)));
   }
   for (const std::string& text : options.targets) {
     targets.push_back(ParseSplitTarget(text));
@@ -200,13 +200,14 @@ void AddExtract(CLI::App& app, const CommonOptions& common, Action& action) {
   CLI::App* command = app.add_subcommand("extract", "Take streams out of IN, each into a container of its own");
   command->alias("split");
   command->add_option("IN", options->input, "Input file, or - for standard input")->required();
-  command->add_option("SPEC=OUT", options->targets,
+  command->add_option("STREAMS=OUT", options->targets,
                       "A stream specifier naming one stream (1, v:0, a, s:1) and its output file (- for standard "
                       "output), with an optional cut: a:0=audio.mka,start=2,end=6");
   command->add_flag("--all", options->all, "Every video, audio and subtitle stream, each into a file of its own");
-  command->add_option("--name", options->name_template,
-                      "With --all, the output names: {stem} (IN's name without its extension), {index}, {type}, "
-                      "{codec}, {ext} (a container that takes the codec)")
+  command
+      ->add_option("--name", options->name_template,
+                   "With --all, the output names: {stem} (IN's name without its extension), {index}, {type}, "
+                   "{codec}, {ext} (a container that takes the codec)")
       ->capture_default_str();
   command->add_option("-f,--format", options->format, "Container for an output written to standard output");
   command->footer(

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-// mux OUT IN[:SPEC]... [--start S] [--end E]: one container from the streams of several files.
+// mux OUT IN[:STREAMS]... [--start S] [--end E]: one container from the streams of several files.
 #include <fmt/core.h>
 #include <sys/stat.h>
 
@@ -25,17 +25,17 @@ struct MuxOptions {
 };
 
 struct MuxInput {
-  std::string path, spec;  // spec "" takes every stream
+  std::string path, selector;  // selector "" takes every stream
 };
 
-// FILE:SPEC, where FILE is the shortest prefix before a colon that names an
+// FILE:STREAMS, where FILE is the shortest prefix before a colon that names an
 // existing file, so that both file names and specifiers may hold colons.
 MuxInput ParseMuxInput(const std::string& text) {
   struct stat status {};
   for (auto colon = text.find(':'); colon != std::string::npos; colon = text.find(':', colon + 1)) {
     const std::string path = text.substr(0, colon);
     if (path == "-" || stat(path.c_str(), &status) == 0) {
-      CheckStreamSpecifier(text.substr(colon + 1));
+      CheckStreamSelector(text.substr(colon + 1));
       return {path, text.substr(colon + 1)};
     }
   }
@@ -64,8 +64,8 @@ int RunMux(const MuxOptions& options, const CommonOptions& common) {
       continue;
     }
     const MediaFile file(inputs[i].path, common, kMultiplexing);
-    if (!inputs[i].spec.empty() && file.Match(inputs[i].spec).empty())
-      throw ToolFailure(fmt::format("\"{}\" matches no stream of {}", inputs[i].spec, Shown(inputs[i].path)));
+    if (!inputs[i].selector.empty() && file.Match(inputs[i].selector).empty())
+      throw ToolFailure(fmt::format("\"{}\" matches no stream of {}", inputs[i].selector, Shown(inputs[i].path)));
     const auto span = file.span();
     if (!span || (i > 0 && !settings.span)) {
       settings.span.reset();
@@ -73,7 +73,8 @@ int RunMux(const MuxOptions& options, const CommonOptions& common) {
       settings.span = span;
     } else {
       settings.span->first = std::min(settings.span->first, span->first);
-      settings.span->last = shortest ? std::min(settings.span->last, span->last) : std::max(settings.span->last, span->last);
+      settings.span->last =
+          shortest ? std::min(settings.span->last, span->last) : std::max(settings.span->last, span->last);
     }
   }
   if (settings.span && cut.end > 0.0) settings.span->last = std::min(settings.span->last, cut.end);
@@ -89,8 +90,9 @@ int RunMux(const MuxOptions& options, const CommonOptions& common) {
         "creating the output " + output.shown, options.output, Role::kOutput);
   for (const MuxInput& input : inputs) {
     const bool piped = input.path == "-";
-    if (!input.spec.empty())
-      Check(AVFormat_Packet_SetOption(task.get(), "streams", input.spec.c_str()), "choosing the streams " + input.spec);
+    if (!input.selector.empty())
+      Check(AVFormat_Packet_SetOption(task.get(), "streams", input.selector.c_str()),
+            "choosing the streams " + input.selector);
     Check(AVFormat_Packet_Input(task.get(), piped ? nullptr : input.path.c_str(), piped ? ReadStandardInput : nullptr,
                                 nullptr),
           "opening the input " + Shown(input.path), input.path, Role::kInput);
@@ -111,7 +113,7 @@ void AddMux(CLI::App& app, const CommonOptions& common, Action& action) {
       ->required();
   command
       ->add_option("IN", options->inputs,
-                   "Input file, with :SPEC to take only the streams that a stream specifier picks (a.mkv:v:0, "
+                   "Input file, with :STREAMS to take only the streams that a stream specifier picks (a.mkv:v:0, "
                    "b.mka:a); - for standard input")
       ->required();
   AddCutOptions(*command, options->cut);

@@ -77,9 +77,7 @@ MediaFile::MediaFile(const std::string& path, const CommonOptions& common, const
     throw;
   }
   AVDictionary* options = nullptr;
-  const std::string protocols = !common.allow_protocols.empty() ? common.allow_protocols
-                                : common.trusted                ? ""
-                                                                : "file";
+  const std::string protocols = !common.allow_protocols.empty() ? common.allow_protocols : common.trusted ? "" : "file";
   if (!protocols.empty()) av_dict_set(&options, "protocol_whitelist", protocols.c_str(), 0);
   const int opened = avformat_open_input(&context_, path.c_str(), nullptr, &options);
   av_dict_free(&options);
@@ -93,11 +91,11 @@ MediaFile::~MediaFile() {
   avformat_close_input(&context_);
 }
 
-std::vector<int> MediaFile::Match(const std::string& spec) const {
-  CheckStreamSpecifier(spec);
+std::vector<int> MediaFile::Match(const std::string& selector) const {
+  CheckStreamSelector(selector);
   std::vector<int> matched;
   for (unsigned i = 0; i < count(); ++i) {
-    if (avformat_match_stream_specifier(context_, context_->streams[i], spec.c_str()) > 0)
+    if (avformat_match_stream_specifier(context_, context_->streams[i], selector.c_str()) > 0)
       matched.push_back(static_cast<int>(i));
   }
   return matched;

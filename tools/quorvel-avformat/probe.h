@@ -75,9 +75,9 @@ class MediaFile {
   unsigned count() const { return context_->nb_streams; }
   const AVStream& stream(unsigned index) const { return *context_->streams[index]; }
   AVMediaType type(unsigned index) const { return stream(index).codecpar->codec_type; }
-  // The streams that `spec` picks, in order. Throws UsageError for a malformed
+  // The streams that `selector` picks, in order. Throws UsageError for a malformed
   // specifier.
-  std::vector<int> Match(const std::string& spec) const;
+  std::vector<int> Match(const std::string& selector) const;
   // The input's timeline as the container tells it (no packet is read).
   std::optional<Span> span() const;
 
