@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import json
 import subprocess
+import time
 from pathlib import Path
 
 import pytest
@@ -49,6 +50,18 @@ def matches(found: str, expected: str) -> bool:
     return found == expected or (expected.endswith("*") and found.startswith(expected[:-1]))
 
 
-def os_threads() -> int:
-    with open("/proc/self/status") as status:
-        return next(int(line.split()[1]) for line in status if line.startswith("Threads:"))
+def os_threads(expected: int | None = None) -> int:
+    """The process's thread count. The kernel wakes a joiner before it drops the
+    joined thread from the count, so a count is read once it has held for 50 ms,
+    or, given the count expected, as soon as it is that (up to 2 s)."""
+    def count() -> int:
+        with open("/proc/self/status") as status:
+            return next(int(line.split()[1]) for line in status if line.startswith("Threads:"))
+    deadline = time.monotonic() + 2
+    last = count()
+    while time.monotonic() < deadline and last != expected:
+        time.sleep(0.05)
+        now, last = last, count()
+        if expected is None and now == last:
+            break
+    return last
