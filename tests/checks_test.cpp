@@ -24,11 +24,6 @@ const auto Record = [](uint32_t size = sizeof(AVFORMAT_TASK_REPORT)) {
   report.dwSize = size;
   return report;
 };
-using ReportCall = bool (*)(void*, AVFORMAT_TASK_REPORT*);
-const ReportCall kGet[] = {AVFormat_Convert_GetReport, AVFormat_UNPack_GetReport, AVFormat_Packet_GetReport,
-                           AVFormat_Link_GetReport};  // in the order of qtest::Family
-const ReportCall kStopWith[] = {AVFormat_Convert_StopWithReport, AVFormat_UNPack_StopWithReport,
-                                AVFormat_Packet_StopWithReport, AVFormat_Link_StopWithReport};
 const std::string kFullDisk = TempPath("full.mkv");  // the name gives the container
 const int kLinked = symlink("/dev/full", kFullDisk.c_str());
 
@@ -131,7 +126,6 @@ TEST(TaskReport, CountsWhatEachFamilyWroteAndItsFirstWriteError) {
     for (const long long accepted : {-3LL, -2LL, -1LL, 0LL, 3000LL}) {  // -3: a file, -2: all, -1: the full disk
       if (family == Family::kLink && accepted != -3 && accepted != -1) continue;
       SCOPED_TRACE(testing::Message() << Name(family) << ", writes fail after " << accepted << " bytes");
-      const int f = static_cast<int>(family);
       const std::string clip = family == Family::kPacket ? VideoOnlyClip("mkv") : VideoAudioClip("mkv");
       MemoryWriter writer;
       writer.fail_after = accepted;
@@ -142,9 +136,9 @@ TEST(TaskReport, CountsWhatEachFamilyWroteAndItsFirstWriteError) {
       AVFORMAT_TASK_REPORT report = Record();
       ASSERT_TRUE(task.Reach(Stage::kSetUp, {{clip}}, {sink}) && task.Start());
       for (int64_t read = 0; task.Running(); read = report.llPacketsRead)
-        EXPECT_TRUE(kGet[f](task.handle(), &report) && report.llPacketsRead >= read);
-      EXPECT_TRUE(kGet[f](task.handle(), &report) && report.bTrailerWritten == 0);
-      EXPECT_TRUE(kStopWith[f](task.Release(), &report));
+        EXPECT_TRUE(task.Report(&report) && report.llPacketsRead >= read);
+      EXPECT_TRUE(task.Report(&report) && report.bTrailerWritten == 0);
+      EXPECT_TRUE(task.Stop(&report));
       const int error = accepted == -1 ? AVERROR(ENOSPC) : accepted >= 0 ? AVERROR(EIO) : 0;
       EXPECT_EQ(std::tuple(report.nWriteError, report.nTrailerResult, report.bTrailerWritten),
                 std::tuple(error, error, 1));
@@ -188,8 +182,8 @@ TEST(TaskReport, FillsOnlyTheFieldsOfTheCallersRecord) {
     AnyTask task(family);
     AVFORMAT_TASK_REPORT small = Record(AVFORMAT_TASK_REPORT_MIN_SIZE - 1),
                          longer[2] = {Record(sizeof longer), Record(42)};
-    EXPECT_TRUE(kGet[static_cast<int>(family)](task.handle(), longer) && longer[1].dwSize == 42);
-    EXPECT_FALSE(kStopWith[static_cast<int>(family)](task.Release(), &small));
+    EXPECT_TRUE(task.Report(longer) && longer[1].dwSize == 42);
+    EXPECT_FALSE(task.Stop(&small));
     EXPECT_EQ(LastError(), (ErrorState{true, CodesOf(family).parameter}));
   }
 }

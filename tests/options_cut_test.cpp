@@ -7,8 +7,7 @@
 #include <cmath>
 #include <sstream>
 
-#include "support/caller.h"
-#include "support/fixtures.h"
+#include "support/families.h"
 
 using namespace qtest;
 
@@ -65,32 +64,16 @@ struct Row {
 
 // Runs the row's job through the library; returns the task's report.
 AVFORMAT_TASK_REPORT RunJob(const Row& row) {
+  AnyTask task(row.unpack ? Family::kUnpack : Family::kConvert);
+  std::istringstream names(row.options);
+  for (std::string name; names >> name;) EXPECT_TRUE(task.Set(name.c_str(), "1"));
+  std::vector<Sink> sinks;
+  for (const Out& out : row.outs) sinks.push_back({TempPath(out.name), nullptr, row.start, row.end, out.stream});
+  EXPECT_TRUE(row.unpack ? task.Input({{row.input}}) && task.Outputs(sinks) && task.Start() && task.WaitForEnd()
+                         : task.Reach(Stage::kEnded, {{row.input}}, sinks[0]));
   AVFORMAT_TASK_REPORT report{};
   report.dwSize = sizeof report;
-  void* task = row.unpack ? AVFormat_UNPack_Init(nullptr, nullptr) : AVFormat_Convert_Init(nullptr, nullptr);
-  std::istringstream names(row.options);
-  for (std::string name; names >> name;)
-    EXPECT_TRUE((row.unpack ? AVFormat_UNPack_SetOption : AVFormat_Convert_SetOption)(task, name.c_str(), "1"));
-  std::vector<AVCODEC_FORMATINFO> records(row.outs.size());
-  std::vector<AVCODEC_FORMATINFO*> pointers;
-  for (size_t i = 0; i < row.outs.size(); ++i) {
-    std::snprintf(records[i].szName, sizeof records[i].szName, "%s", TempPath(row.outs[i].name).c_str());
-    records[i].dlStartTime = row.start, records[i].dlEndTime = row.end, records[i].nStreamIndex = row.outs[i].stream;
-    pointers.push_back(&records[i]);
-  }
-  AVCODEC_FORMATINFO** array = pointers.data();
-  const char* input = row.input.c_str();
-  EXPECT_TRUE(row.unpack ? AVFormat_UNPack_Input(task, input, nullptr, nullptr) &&
-                               AVFormat_UNPack_Output(task, &array, static_cast<int>(pointers.size())) &&
-                               AVFormat_UNPack_Start(task)
-                         : AVFormat_Convert_Output(task, records[0].szName, row.start, row.end, nullptr, nullptr) &&
-                               AVFormat_Convert_Input(task, input, nullptr, nullptr) && AVFormat_Convert_Start(task));
-  auto status = row.unpack ? AVFormat_UNPack_GetStatus : AVFormat_Convert_GetStatus;
-  EXPECT_TRUE(WaitUntil([&] {
-    bool running = true;
-    return status(task, &running) && !running;
-  }));
-  (row.unpack ? AVFormat_UNPack_StopWithReport : AVFormat_Convert_StopWithReport)(task, &report);
+  task.Stop(&report);
   return report;
 }
 

@@ -13,8 +13,6 @@ namespace {
 
 using namespace qtest;
 using Options = std::vector<std::pair<const char*, const char*>>;
-const decltype(&AVFormat_Convert_SetOption) kSetOption[] = {AVFormat_Convert_SetOption, AVFormat_UNPack_SetOption,
-                                                            AVFormat_Packet_SetOption, AVFormat_Link_SetOption};
 // Each family's five option codes follow one another: OPTION, _VALUE, _LATE, _UNUSED, POLICY.
 enum { kUnknown, kValue, kLate, kUnused, kPolicy };
 const uint64_t kOptionCodes[] = {ERROR_AVFORMAT_CONVERT_OPTION, ERROR_AVFORMAT_PACKET_OPTION,
@@ -25,7 +23,7 @@ uint64_t RunWith(Family family, const Options& options, const std::vector<Source
                  const Sink& out = {TempPath("out.mkv")}) {
   AnyTask task(family);
   for (const auto& [name, value] : options)
-    if (!kSetOption[static_cast<int>(family)](task.handle(), name, value)) return AVFormat_GetLastError(nullptr);
+    if (!task.Set(name, value)) return task.code;
   return task.Reach(Stage::kEnded, in, out) ? 0 : task.code;
 }
 
@@ -37,11 +35,10 @@ std::string Written(const std::string& name, const std::string& text) {
 TEST(OptionsSet, EachRefusalHasTheFamilysCode) {
   for (Family family : kFamilies) {
     SCOPED_TRACE(Name(family));
-    const auto set = kSetOption[static_cast<int>(family)];
     const uint64_t codes = kOptionCodes[static_cast<int>(family)], parameter = CodesOf(family).parameter;
     const std::vector<Source> clip{{VideoAudioClip("mkv")}};
-    AnyTask task(family);
-    EXPECT_EQ(set(nullptr, "mode", "practical") ? 0 : AVFormat_GetLastError(nullptr), parameter);
+    AnyTask task(family), stopped(family);
+    EXPECT_TRUE(stopped.Stop() && !stopped.Set("mode", "practical") && stopped.code == parameter);
     const std::tuple<int, const char*, const char*, uint64_t> rows[] = {// clang-format off
         {0, nullptr, "1", parameter}, {0, "mode", nullptr, parameter}, {0, "no_such_option", "1", codes + kUnknown},
         {0, "mode", "fast", codes + kValue}, {0, "dts_as_pts", "maybe", codes + kValue},
@@ -52,7 +49,7 @@ TEST(OptionsSet, EachRefusalHasTheFamilysCode) {
     for (const auto& [when, name, value, code] : rows) {
       for (; stage < when; ++stage)
         ASSERT_TRUE(stage ? task.Start() : task.Reach(Stage::kSetUp, clip, {TempPath("late.mkv")}));
-      EXPECT_EQ(set(task.handle(), name, value) ? 0 : AVFormat_GetLastError(nullptr), code) << name;
+      EXPECT_EQ(task.Set(name, value) ? 0 : task.code, code) << name;
     }
     EXPECT_EQ(RunWith(family, {{"input.probesize", "100000"}}, clip), 0u);
     EXPECT_EQ(RunWith(family, {{"input.no_such_entry", "1"}}, clip), codes + kUnused);

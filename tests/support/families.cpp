@@ -17,16 +17,22 @@ struct Calls {
   bool (*suspend)(void*, bool);
   bool (*status)(void*, bool*);
   bool (*stop)(void*);
+  bool (*set)(void*, const char*, const char*);
+  bool (*report)(void*, AVFORMAT_TASK_REPORT*);
+  bool (*stop_with_report)(void*, AVFORMAT_TASK_REPORT*);
 };
 const Calls kCalls[] = {
     {AVFormat_Convert_Init, AVFormat_Convert_Input, AVFormat_Convert_Output, AVFormat_Convert_Start,
-     AVFormat_Convert_Suspend, AVFormat_Convert_GetStatus, AVFormat_Convert_Stop},
+     AVFormat_Convert_Suspend, AVFormat_Convert_GetStatus, AVFormat_Convert_Stop, AVFormat_Convert_SetOption,
+     AVFormat_Convert_GetReport, AVFormat_Convert_StopWithReport},
     {AVFormat_UNPack_Init, AVFormat_UNPack_Input, nullptr, AVFormat_UNPack_Start, AVFormat_UNPack_Suspend,
-     AVFormat_UNPack_GetStatus, AVFormat_UNPack_Stop},
+     AVFormat_UNPack_GetStatus, AVFormat_UNPack_Stop, AVFormat_UNPack_SetOption, AVFormat_UNPack_GetReport,
+     AVFormat_UNPack_StopWithReport},
     {AVFormat_Packet_Init, AVFormat_Packet_Input, AVFormat_Packet_Output, AVFormat_Packet_Start,
-     AVFormat_Packet_Suspend, AVFormat_Packet_GetStatus, AVFormat_Packet_Stop},
+     AVFormat_Packet_Suspend, AVFormat_Packet_GetStatus, AVFormat_Packet_Stop, AVFormat_Packet_SetOption,
+     AVFormat_Packet_GetReport, AVFormat_Packet_StopWithReport},
     {AVFormat_Link_Init, nullptr, nullptr, AVFormat_Link_Start, AVFormat_Link_Suspend, AVFormat_Link_GetStatus,
-     AVFormat_Link_Stop},
+     AVFormat_Link_Stop, AVFormat_Link_SetOption, AVFormat_Link_GetReport, AVFormat_Link_StopWithReport},
 };
 const Calls& Of(Family family) {
   return kCalls[static_cast<int>(family)];
@@ -128,6 +134,13 @@ bool AnyTask::Reach(Stage stage, const std::vector<Source>& sources, const Sink&
   return paused;
 }
 
+bool AnyTask::Set(const char* name, const char* value) {
+  return Check(Of(family).set(handle_, name, value));
+}
+bool AnyTask::Report(AVFORMAT_TASK_REPORT* report) {
+  return Check(Of(family).report(handle_, report));
+}
+
 bool AnyTask::Start() {
   return Check(Of(family).start(handle_));
 }
@@ -147,11 +160,11 @@ bool AnyTask::WaitForEnd() {
   return WaitUntil([this] { return !Running(); }, std::chrono::seconds(60));
 }
 
-bool AnyTask::Stop() {
+bool AnyTask::Stop(AVFORMAT_TASK_REPORT* report) {
   void* handle = std::exchange(handle_, nullptr);
   released = true;
   if (family == Family::kLink && handle != nullptr) AVFormat_Link_Suspend(handle, false);
-  return Of(family).stop(handle);
+  return report != nullptr ? Of(family).stop_with_report(handle, report) : Of(family).stop(handle);
 }
 
 bool AnyTask::StopFromAnotherThread(std::chrono::milliseconds after) {

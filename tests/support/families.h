@@ -64,14 +64,17 @@ class AnyTask {
   bool Input(const std::vector<Source>& sources);  // one input per source (conversion and demultiplexing: the first)
   bool Output(const Sink& sink);
   bool Outputs(const std::vector<Sink>& sinks);  // demultiplexing: one output per sink, in one call
+  bool Set(const char* name, const char* value);  // SetOption
+  bool Report(AVFORMAT_TASK_REPORT* report);      // GetReport
   bool Start();
   bool Suspend(bool pause);
   bool Status(bool* running);
   bool Running();
   bool WaitForEnd();
   // Stop, after letting a held worker go and resuming a concatenation task,
-  // whose Stop waits for a paused worker. Also with a null handle.
-  bool Stop();
+  // whose Stop waits for a paused worker; StopWithReport when given a report.
+  // Also with a null handle.
+  bool Stop(AVFORMAT_TASK_REPORT* report = nullptr);
   // Stop, called on another thread while the worker is held or paused; after
   // `after` the task is resumed and the held call let go. Returns whether Stop
   // had returned by then.
