@@ -77,8 +77,8 @@ def test_progress_kinds_and_bar(clips: Path, tmp_path: Path, capsys: pytest.Capt
 def test_task_control(clips: Path, tmp_path: Path) -> None:
     with q.ConvertTask(clips / "long.mkv", tmp_path / "c.mkv", progress=lambda *_: None) as task:
         assert not task.running and task.report.packets_read == 0
+        task.pause()  # before start: a conversion then starts paused, however fast its run would be
         task.start()
-        task.pause()
         assert task.running and not task.wait(timeout=0.05)
         task.resume()
         assert task.wait(timeout=60) and not task.running
