@@ -53,13 +53,7 @@ void Cut::SeekToStart(AVFormatContext* input, std::mutex& input_lock, double sta
 }
 
 void Cut::FillTimes(CutLane& lane, AVPacket* packet, const AVStream* stream) const noexcept {
-  if (!options_.dts_as_pts) return;
-  if (packet->pts == AV_NOPTS_VALUE) packet->pts = packet->dts;
-  if (packet->pts != AV_NOPTS_VALUE)
-    lane.timed = true;
-  else if (!lane.timed)
-    SynthesizeTimestamps(packet, stream, lane.count);
-  ++lane.count;
+  if (options_.dts_as_pts) CompleteTimes(packet, stream, lane.count++, true);
 }
 
 bool Cut::Admit(CutLane& lane, const AVPacket* packet, AVRational base, double seconds) noexcept {
