@@ -1,11 +1,12 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building and testing the library need.
+# Installs the Debian packages that building and testing the library need
+# (help2man: the tool's man page).
 # Does nothing when they are all there already.
 set -euo pipefail
 
 packages=(build-essential cmake pkg-config libavformat-dev libavcodec-dev libavutil-dev
           libgtest-dev ffmpeg xz-utils
-          libcli11-dev nlohmann-json3-dev libfmt-dev dpkg-dev python3-pytest "$@")
+          libcli11-dev nlohmann-json3-dev libfmt-dev dpkg-dev python3-pytest help2man "$@")
 
 missing=()
 for package in "${packages[@]}"; do

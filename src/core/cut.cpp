@@ -27,7 +27,7 @@ void Cut::Close(CutLane& lane) noexcept {
   --open_;
 }
 
-void Cut::SeekToStart(AVFormatContext* input, std::mutex& input_lock, double start) noexcept {
+void Cut::SeekToStart(AVFormatContext* input, std::mutex& input_lock, double start, bool always) noexcept {
   // Without a start, zero is where the input starts (the earliest time over
   // its streams), not the first packet written, which may be later than
   // another stream's first one (audio ahead of video with B-frames).
@@ -36,7 +36,7 @@ void Cut::SeekToStart(AVFormatContext* input, std::mutex& input_lock, double sta
     shift_base_ = AV_TIME_BASE_Q;
     shift_from_input_ = true;
   }
-  if (!options_.keyframe_start || !(start > 0.0)) return;
+  if (!(options_.keyframe_start || always) || !(start > 0.0)) return;
   const double target = start * AV_TIME_BASE;
   if (!(target < 9.2e18)) return;
   const auto ticks = static_cast<int64_t>(target);
@@ -53,13 +53,7 @@ void Cut::SeekToStart(AVFormatContext* input, std::mutex& input_lock, double sta
 }
 
 void Cut::FillTimes(CutLane& lane, AVPacket* packet, const AVStream* stream) const noexcept {
-  if (!options_.dts_as_pts) return;
-  if (packet->pts == AV_NOPTS_VALUE) packet->pts = packet->dts;
-  if (packet->pts != AV_NOPTS_VALUE)
-    lane.timed = true;
-  else if (!lane.timed)
-    SynthesizeTimestamps(packet, stream, lane.count);
-  ++lane.count;
+  if (options_.dts_as_pts) CompleteTimes(packet, stream, lane.count++, true);
 }
 
 bool Cut::Admit(CutLane& lane, const AVPacket* packet, AVRational base, double seconds) noexcept {

@@ -25,7 +25,6 @@ struct CutLane {
   bool video = false;   // begins at a key frame (keyframe_start)
   bool begun = false;   // keyframe_start: its first packet was kept
   bool closed = false;  // passed its end, or its output takes nothing more
-  bool timed = false;   // dts_as_pts: one of its packets carried a time
   int64_t count = 0;    // dts_as_pts: its packets so far, for times made up
 };
 
@@ -48,12 +47,15 @@ class Cut {
   // 0 or less, without the flag, or when the input can't seek: those lanes
   // then begin at their first packet at or after their start (video: a key
   // frame). With zero_start and no start, also takes the input's start as
-  // the output's zero.
-  void SeekToStart(AVFormatContext* input, std::mutex& input_lock, double start) noexcept;
+  // the output's zero. `always` seeks also without keyframe_start, only so
+  // that the packets before the start are not read: the lanes then keep the
+  // defined start rule.
+  void SeekToStart(AVFormatContext* input, std::mutex& input_lock, double start, bool always = false) noexcept;
+  // The last SeekToStart moved the input.
+  bool Landed() const noexcept { return landed_; }
 
-  // dts_as_pts: a packet without a presentation time takes its decode time;
-  // only a lane none of whose packets had a time gets times made up from its
-  // own packet count and `stream`'s frame rate.
+  // dts_as_pts: CompleteTimes, with made-up times numbered by the lane's own
+  // packet count.
   void FillTimes(CutLane& lane, AVPacket* packet, const AVStream* stream) const noexcept;
 
   // Whether `packet` (times in `base`) is written. `seconds` is the time

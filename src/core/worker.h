@@ -55,10 +55,13 @@ void FinishOnExit(std::thread& thread, std::atomic<bool>& abort, void (*release)
 // and dts unset (AV_NOPTS_VALUE) instead.
 void SynthesizeTimestamps(AVPacket* packet, const AVStream* stream, int64_t number) noexcept;
 
-// The times of a packet that comes without a presentation time. With
-// `dts_as_pts` a packet that has a decode time takes it as its presentation
-// time, and only one with neither (a raw stream) gets made-up times;
-// otherwise every such packet gets made-up times (SynthesizeTimestamps).
+// The times of a packet that comes without a presentation time, for every
+// family. With `dts_as_pts` a packet that has a decode time takes it as its
+// presentation time, and only one with neither (a raw stream) gets made-up
+// times; otherwise every such packet gets made-up times (SynthesizeTimestamps).
+// A packet with neither time in a stream whose other packets have times gets
+// made-up times too, as `ffmpeg -c copy` gives it a time (on from the stream's
+// previous packet) instead of leaving it for the muxer to refuse.
 void CompleteTimes(AVPacket* packet, const AVStream* stream, int64_t number, bool dts_as_pts) noexcept;
 
 }  // namespace quorvel

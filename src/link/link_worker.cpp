@@ -1,14 +1,15 @@
 // Concatenation worker and control: Start, the worker's loop, Suspend,
 // GetStatus and Stop.
 #include <cmath>
+#include <mutex>
 #include <thread>
 #include <vector>
 
 #include "core/checked.h"
+#include "core/cut.h"
 #include "core/error.h"
 #include "core/remux.h"
 #include "core/report.h"
-#include "core/seek.h"
 #include "core/task.h"
 #include "core/worker.h"
 #include "link/link.h"
@@ -110,50 +111,89 @@ class Joint {
   std::vector<int64_t> last_dts_;
 };
 
-// cut_per_input: the input's start and end on its own timeline. A packet is
-// kept from the start (or from the key frame at or before it) while its
-// decode time is before the end; a stream whose decode time has reached the
-// end is done, and the input with it once both are.
-struct OwnCut {
-  int64_t begin = AV_NOPTS_VALUE;  // AV_TIME_BASE units; unset: from the first packet
-  int64_t end = AV_NOPTS_VALUE;
-  bool video_done = false, audio_done = false;
-
-  bool Keeps(const AVPacket* packet, AVRational base, bool video) {
-    const int64_t pts = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
-    const int64_t dts = packet->dts != AV_NOPTS_VALUE ? packet->dts : packet->pts;
-    if (end != AV_NOPTS_VALUE && dts != AV_NOPTS_VALUE && av_compare_ts(dts, base, end, AV_TIME_BASE_Q) >= 0) {
-      (video ? video_done : audio_done) = true;
-      return false;
-    }
-    return begin == AV_NOPTS_VALUE || (pts != AV_NOPTS_VALUE && av_compare_ts(pts, base, begin, AV_TIME_BASE_Q) >= 0);
-  }
-};
-
 // A time in AV_TIME_BASE units, for a positive `seconds`; past 64 bits, the largest.
 int64_t Microseconds(double seconds) {
   return seconds < 9e12 ? static_cast<int64_t>(std::llround(seconds * AV_TIME_BASE)) : INT64_MAX;
 }
 
-// cut_per_input: seeks to the input's start and says what the cut keeps. The
-// start is the requested time, or with keyframe_start the key frame's at or
-// before it (of the video stream, else the audio stream). Also returns the
-// input's first time for continuous_times.
-OwnCut PlaceCut(const AVPACKET_FILELINK* task, const AVPACKET_LINKINFO& element, int64_t& start) {
-  AVFormatContext* input = element.pInputContext.get();
-  OwnCut cut;
-  // A bound that is not above 0 (or no number) is none.
-  if (element.dlEndTime > 0.0) cut.end = Microseconds(element.dlEndTime);
-  const auto routed = [input](int index) { return index >= 0 && static_cast<unsigned>(index) < input->nb_streams; };
-  cut.video_done = !routed(element.nVideoIndex);
-  cut.audio_done = !routed(element.nAudioIndex);
-  if (!(element.dlStartTime > 0.0)) return cut;
-  cut.begin = start = Microseconds(element.dlStartTime);
-  // Seeking also without keyframe_start: the packets before the start are not read.
-  const int stream = routed(element.nVideoIndex) ? element.nVideoIndex : element.nAudioIndex;
-  const int64_t key = routed(stream) ? quorvel::SeekToKeyFrame(input, stream, cut.begin) : AV_NOPTS_VALUE;
-  if (task->stOptions.keyframe_start && key != AV_NOPTS_VALUE) cut.begin = start = key;
-  return cut;
+// The lane of a routed stream: 0 video, 1 audio (a stream named as both is
+// audio); -1 for a stream not copied.
+int LaneOf(const AVPACKET_LINKINFO& element, int stream) {
+  return stream == element.nAudioIndex ? 1 : stream == element.nVideoIndex ? 0 : -1;
+}
+
+// cut_per_input: the input's start and end on its own timeline, through the
+// cut that conversion and demultiplexing use, one lane per routed stream. The
+// input is sought to the start, also without keyframe_start, so that the
+// packets before it are not read. A packet is kept from the start (with
+// keyframe_start: every stream from where the seek to the key frame at or
+// before it lands, video from that key frame) while its decode time is before
+// the end (always the exclusive end); a stream whose decode time has reached
+// the end is done, and the input with it once both are.
+class PartCut {
+ public:
+  explicit PartCut(bool keyframe_start) {
+    rules_.keyframe_start = keyframe_start;
+    rules_.end_exclusive = true;
+  }
+
+  // Opens the lanes of `element`'s routed streams and seeks `input` to its
+  // start. False when the lanes can't be allocated.
+  bool Place(AVFormatContext* input, const AVPACKET_LINKINFO& element) {
+    if (!cut_.Allocate(2)) return false;
+    const int streams[2] = {element.nVideoIndex, element.nAudioIndex};
+    for (int index : {0, 1}) {
+      const int stream = streams[index];
+      quorvel::CutLane& lane = Lane(index);
+      if (stream < 0 || static_cast<unsigned>(stream) >= input->nb_streams || LaneOf(element, stream) != index) {
+        cut_.Close(lane);
+        continue;
+      }
+      lane.start = element.dlStartTime;
+      lane.end = element.dlEndTime;
+      lane.video = input->streams[stream]->codecpar->codec_type == AVMEDIA_TYPE_VIDEO;
+    }
+    cut_.SeekToStart(input, input_lock_, element.dlStartTime, true);
+    return true;
+  }
+
+  // Whether `packet` of lane `index` (times in `base`, on the input's own timeline) is kept.
+  bool Keeps(const AVPacket* packet, AVRational base, int index) {
+    const int64_t time = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
+    const double seconds = time == AV_NOPTS_VALUE ? std::nan("") : static_cast<double>(time) * av_q2d(base);
+    return cut_.Admit(Lane(index), packet, base, seconds);
+  }
+  quorvel::CutLane& Lane(int index) { return cut_.Lane(static_cast<size_t>(index)); }
+  bool Done() const { return cut_.AllClosed(); }
+  bool Landed() const { return cut_.Landed(); }
+
+ private:
+  quorvel::TaskOptions rules_;
+  quorvel::Cut cut_{rules_};
+  std::mutex input_lock_;  // the cut's seek takes one; no other thread uses this family's inputs
+};
+
+// keyframe_start: where a cut part begins, the earliest presentation time
+// (AV_TIME_BASE units) of the first packet that each lane keeps from the
+// landing point; audio ahead of the key frame counts. Found by a cut run over
+// the packets up to there; the caller's own cut then seeks again. Unset when
+// the seek did not land or nothing is kept.
+int64_t FirstKept(AVFormatContext* input, const AVPACKET_LINKINFO& element, AVPacket* packet) {
+  PartCut ahead(true);
+  if (!ahead.Place(input, element) || !ahead.Landed()) return AV_NOPTS_VALUE;
+  const auto waiting = [&ahead](int index) { return !ahead.Lane(index).closed && !ahead.Lane(index).begun; };
+  int64_t first = AV_NOPTS_VALUE;
+  while ((waiting(0) || waiting(1)) && av_read_frame(input, packet) >= 0) {
+    const int index = LaneOf(element, packet->stream_index);
+    const AVRational base = quorvel::PacketTimeBase(packet, input);
+    const int64_t time = packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts;
+    if (index >= 0 && waiting(index) && ahead.Keeps(packet, base, index) && time != AV_NOPTS_VALUE) {
+      const int64_t micro = av_rescale_q(time, base, AV_TIME_BASE_Q);
+      if (first == AV_NOPTS_VALUE || micro < first) first = micro;
+    }
+    av_packet_unref(packet);
+  }
+  return first;
 }
 
 // Copies one input until it ends, fails to read, or the task is stopped.
@@ -163,10 +203,14 @@ void CopyInput(AVPACKET_FILELINK* task, const AVPACKET_LINKINFO& element, AVPack
   AVFormatContext* output = task->pOutputContext.get();
   const quorvel::TaskOptions& options = task->stOptions;
   int64_t start = input->start_time != AV_NOPTS_VALUE ? input->start_time : 0;
-  OwnCut cut;
-  if (options.cut_per_input) cut = PlaceCut(task, element, start);
+  PartCut cut(options.keyframe_start);
+  if (options.cut_per_input && element.dlStartTime > 0.0) {
+    const int64_t first = options.keyframe_start ? FirstKept(input, element, packet) : AV_NOPTS_VALUE;
+    start = first != AV_NOPTS_VALUE ? first : Microseconds(element.dlStartTime);
+  }
+  if (options.cut_per_input && !cut.Place(input, element)) return;
   joint.BeginInput(start);
-  while (!(cut.video_done && cut.audio_done) && av_read_frame(input, packet) >= 0) {
+  while (!(options.cut_per_input && cut.Done()) && av_read_frame(input, packet) >= 0) {
     if (!task->bRunning) {
       av_packet_unref(packet);
       return;
@@ -191,7 +235,7 @@ void CopyInput(AVPACKET_FILELINK* task, const AVPACKET_LINKINFO& element, AVPack
       continue;
     }
     const AVStream* out = output->streams[out_index];
-    const bool kept = !options.cut_per_input || cut.Keeps(packet, in_time_base, timeline == &timelines.video);
+    const bool kept = !options.cut_per_input || cut.Keeps(packet, in_time_base, timeline == &timelines.video ? 0 : 1);
 
     packet->stream_index = out_index;
     packet->pos = -1;
