@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * What the bare libavformat loops share: opening an input, creating an output
  * with copies of input streams, and closing it. Each baseline is then one

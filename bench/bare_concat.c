@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * bare_concat: the baseline for joining files end to end. The output's video
  * and audio streams are made from the first input; each input's first video

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * bare_feed: the baseline for the caller-fed route: packets read from one
  * file are written into a new muxer whose streams were made from the input's

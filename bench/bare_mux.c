@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * bare_mux: the baseline for building one container from the streams of
  * several files. Each INPUT gives its first video or audio stream; the loop

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * bare_pull: the baseline for pulling every packet of a file. Reads each
  * packet with its stream index, size and timing.

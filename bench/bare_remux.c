@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * bare_remux: the baseline for conversion. Remuxes each INPUT into its OUTPUT
  * with one plain libavformat loop: read, rescale, interleaved write.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * bare_split: the baseline for splitting a file by stream. Output i receives
  * the packets of input stream i, in a container of its own.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * What the library contenders share. They use only the public header, as an
  * application would: a progress callback that counts packets (it runs once

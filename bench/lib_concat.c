@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * lib_concat: joining files end to end through the concatenation family, the
  * contender of bare_concat. Each input contributes stream VIDEO as video and

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * lib_convert: conversion through the library, the contender of bare_remux.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * lib_feed: the caller-fed route, the contender of bare_feed -c. Packets
  * pulled with the demultiplexing family's sized Read are written with the

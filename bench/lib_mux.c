@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * lib_mux: one container from the streams of several files through the
  * multiplexing family's worker, the contender of bare_mux.

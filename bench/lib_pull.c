@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * lib_pull: pulling every packet through the demultiplexing family's sized Read,
  * the contender of bare_pull -c. Each packet's bytes land in this program's

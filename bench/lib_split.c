@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * lib_split: splitting a file by stream through the demultiplexing family's
  * worker, the contender of bare_split. Output i receives input stream i.

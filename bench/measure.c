@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * measure: runs one command and appends its wall time, peak resident memory and
  * exit status to a result file, so that every contender is measured the same

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """The Python rows of bench/run.sh: the package's jobs and PyAV's demux loop.
 
     python_jobs.py convert INPUT OUTPUT   quorvel_avformat.convert(), the library's defined

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * The command line shared by bare_remux and lib_convert, so that both
  * contenders of a conversion job take exactly the same arguments:

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Benchmarks every family against a bare libavformat loop doing the same work
 # and against the ffmpeg command-line tool, in one run, and prints one table
 # of median wall times, ratios and peak resident memory.

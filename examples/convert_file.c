@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * convert_file: remuxes one media file into another container, optionally
  * cut, on the conversion family's worker thread. Shows the call order (Output

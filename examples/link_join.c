@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * link_join: joins media files end to end into one, without re-encoding, on
  * the concatenation family's worker thread. Shows each input's cut and its

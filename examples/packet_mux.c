@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * packet_mux: muxes a video-only file and an audio-only file into one
  * container on the multiplexing family's worker thread, printing the progress.

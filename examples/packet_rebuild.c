@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * packet_rebuild: rebuilds a file packet by packet, without a worker thread:
  * the demultiplexing family pulls each packet with its timing (UNPack_ReadSized),

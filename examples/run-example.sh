@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # Runs one example program on clips made here by the ffmpeg tool and checks
 # what it wrote with ffprobe: the stream types and packet counts.
 #   run-example.sh NAME PROGRAM FFMPEG FFPROBE WORKDIR

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * unpack_split: splits a media file into one file per stream, without
  * re-encoding, on the demultiplexing family's worker thread. Shows counting

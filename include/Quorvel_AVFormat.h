@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * libQuorvel_AVFormat: container-level media operations on top of FFmpeg,
  * without re-encoding anything.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Build a minimal, shared FFmpeg from the upstream release tarball that
 # Debian's archive carries, and install it into a cache directory.
 #

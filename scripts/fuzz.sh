@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Builds the fuzz targets (clang, libFuzzer, AddressSanitizer with
 # LeakSanitizer, UndefinedBehaviorSanitizer) and runs each one for a while,
 # starting from the starting corpus and the kept regression inputs.

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Static analysis of the library's sources (src/): clang-tidy with the
 # checked-in .clang-tidy (every finding is an error there) over a
 # compile_commands.json build, then cppcheck. Fails on any finding.

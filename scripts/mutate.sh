@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Mutation testing: plants each fault of scripts/mutations.txt in src/, one at
 # a time, rebuilds, runs the test suite and says whether a test caught it.
 #

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # The whole test suite under a sanitizer lane:
 #
 #   scripts/sanitize.sh address   AddressSanitizer, LeakSanitizer and UndefinedBehaviorSanitizer

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Installs the Debian packages that building and testing the library need
 # (help2man: the tool's man page).
 # Does nothing when they are all there already.

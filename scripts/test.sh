@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Sets up what is needed, builds the library and runs the whole test suite.
 #
 #   scripts/test.sh                      build in build/ against the system's FFmpeg

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the library checks and reports. Before FFmpeg sees it: a packet larger
 // than the caller's buffer, times and time bases that a muxer can't take
 // (from the caller or from a file), calls that would mix up stream indices.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Conversion: remuxing between containers and through the caller I/O bridge,
 // stream selection and Seek. Its cuts, made-up times and refusals are in the
 // lifecycle suite's tables.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The shared core of all families: the exported interface and the
 // timestamps made up for packets without any.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What hostile input and careless callers do to a task: read functions that
 // say 0, claim more than they were asked for, stall or fail; a network source
 // that goes silent; Stop from inside the task's own progress callback;

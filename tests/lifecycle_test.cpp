@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What every family does alike, each case run against all four through
 // qtest::AnyTask: Stop at every stage, the cut bounds, every family's
 // refusals, names that can't be used, and the error state.

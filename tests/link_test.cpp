@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Concatenation: files joined end to end, checked with ffprobe. Its refusals
 // are in the lifecycle suite's table.
 #include <gtest/gtest.h>

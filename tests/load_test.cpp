@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Many tasks of every family at once, with file and caller I/O, driven from
 // several threads that pause, resume, poll and stop them at random moments;
 // every output is then read back with ffprobe. The sanitizer lanes run it for

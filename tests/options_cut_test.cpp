@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The practical cut options of conversion and demultiplexing, each against
 // the same job done by the ffmpeg tool with -c copy: packets per stream,
 // frames that ffprobe decodes, and the span of the presentation times (within

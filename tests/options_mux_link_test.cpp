@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Multiplexing and concatenation with the practical options against the ffmpeg tool's -c copy, read by ffprobe.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Task options: SetOption's refusals in every family, FFmpeg's own options
 // reaching the demuxer and muxer, the strict input policy, keep_codec_tag,
 // and the error texts and version that the library gives.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Multiplexing: input files interleaved by the worker and caller-fed streams,
 // read back with ffprobe or FFmpeg's framecrc muxer. Its refusals are in the
 // lifecycle suite's table.

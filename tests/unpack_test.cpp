@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Demultiplexing: splitting by stream on the worker with cuts, pulling packets
 // and codec parameters, and seeking, checked against ffprobe's view of the
 // files. Its refusals are in the lifecycle suite's table.

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Remuxes a file into another container, optionally cut, with a progress bar.
 
     convert.py INPUT OUTPUT [START END]      e.g. convert.py in.mkv out.mp4 10 20

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Copies a file packet by packet through Python: Demuxer to Muxer.
 
     packet_copy.py INPUT OUTPUT             e.g. packet_copy.py in.mkv out.mkv

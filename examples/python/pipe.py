@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Remuxes what comes in on standard input into Matroska on standard output,
 through the library's caller I/O bridge.
 

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Splits a file into one file per stream, muxes the streams back together,
 and joins two copies end to end: every family once.
 

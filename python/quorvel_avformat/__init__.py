@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """libQuorvel_AVFormat from Python: container-level media operations (remux,
 demux, mux, concat) without re-encoding, through ctypes and nothing else.
 

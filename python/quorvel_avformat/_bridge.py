@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Sources and destinations: paths, or binary file objects read and written
 through the library's caller I/O bridge; and the progress bar."""
 

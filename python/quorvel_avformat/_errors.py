@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The library's failure codes as Python exceptions."""
 
 from __future__ import annotations

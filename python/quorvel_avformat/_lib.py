@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Loading libQuorvel_AVFormat and declaring its C interface for ctypes.
 
 Every function of the public header is declared here with its exact argument

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Packet-level work: Demuxer hands out an input's packets, Muxer writes packets
 into a new container. Neither starts a worker thread."""
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Task objects of the four families, and the one-call functions built on them."""
 
 from __future__ import annotations

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Clips made once per run with the ffmpeg tool, and ffprobe as the independent reader."""
 
 from __future__ import annotations

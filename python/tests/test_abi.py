@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The package's declarations against the public header."""
 
 from __future__ import annotations

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Failures and their classes, exceptions in callbacks, stops from elsewhere, and tasks left to the collector."""
 
 from __future__ import annotations

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The example scripts of examples/python, run as a user would, their outputs checked with ffprobe."""
 
 from __future__ import annotations

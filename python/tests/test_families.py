@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """Every family from Python, on paths and on file objects both ways, checked with ffprobe."""
 
 from __future__ import annotations

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 """The packet road: Demuxer's streams and packets against ffprobe, and Demuxer -> Muxer reproducing a file."""
 
 from __future__ import annotations

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The exported C interface: each function forwards its arguments unchanged to
 // the method of the same name on its family's process-wide object.
 #include <new>

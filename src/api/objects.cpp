@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "api/objects.h"
 
 // One translation unit, so that they are constructed at load in this order

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The four process-wide family objects that the exported functions call.
 #pragma once
 

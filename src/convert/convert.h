@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Conversion: one input remuxed into one output container on a worker thread.
 //
 // Deliberate behaviours, kept as callers rely on them (options change them:

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Conversion set-up: Init, Output, Input.
 #include <new>
 

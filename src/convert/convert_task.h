@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The record behind a conversion task handle.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Conversion worker and control: Start, the worker's loop, Suspend,
 // GetStatus, Seek and Stop.
 #include "convert/convert.h"

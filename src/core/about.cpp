@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the library tells about itself: its version, and each error code by
 // its name and in a sentence.
 #include "Quorvel_AVFormat.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Timestamp arithmetic that never wraps. Timestamps come from files and
 // callers, so a sum or product may not fit in 64 bits: the result is then
 // AV_NOPTS_VALUE (unset), and an unset operand gives an unset result, so that

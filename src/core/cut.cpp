@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "core/cut.h"
 
 #include <cmath>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The practical cut that conversion and demultiplexing share: the start
 // reached by seeking back to a key frame (keyframe_start), an end that a
 // packet must come before (end_exclusive), one shift that moves the whole

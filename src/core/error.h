@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The process-wide error state that every entry point reports through.
 #pragma once
 

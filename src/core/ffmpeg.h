@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // FFmpeg, as the library uses it: the one place that hides the differences
 // between the supported versions (5.1 to 9.0), and the owning holders of
 // FFmpeg objects.

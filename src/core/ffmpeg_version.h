@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Which FFmpeg features the headers being compiled against have: the one
 // place where the supported versions (5.1 to 9.0) are told apart. Macros
 // only, so that the command-line tool can share them too.

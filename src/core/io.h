@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Opening inputs and outputs, by name or through the caller I/O bridge.
 //
 // The bridge is FFmpeg's custom I/O: an AVIOContext over a 10 MiB buffer of the

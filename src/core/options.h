@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Task options: what a caller set through a family's SetOption, kept on the
 // task until the call that it acts on. FFmpeg's own options pass through as
 // dictionaries; the strict input policy and the practical behaviours are

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "core/remux.h"
 
 namespace quorvel {

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The steps that every family's copy of packets takes alike: describing an
 // output stream from an input stream's codec parameters, and moving a
 // packet's times to the output stream's time base.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What a task has done, counted where the caller's thread can read it while
 // the worker runs: packets read, written and refused, the bytes that reached
 // the output, the first write error and the trailer's result. Behind every

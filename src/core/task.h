@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What every family's task record is handled alike in: Init, which makes the
 // record around the caller's callback, and the pause and running flags behind
 // Suspend and GetStatus. Each family passes its own codes.

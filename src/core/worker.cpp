@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "core/worker.h"
 
 #include <cmath>

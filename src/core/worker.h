@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What every family's worker thread shares: the pause poll, starting the
 // thread, the read that a caller's thread may share, and the timestamps made
 // up for packets that come without any.

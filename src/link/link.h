@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Concatenation: several files joined end to end into one, each with its own
 // cut, with continuous timestamps.
 //

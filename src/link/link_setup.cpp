@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Concatenation set-up: Init, Output, Input.
 #include <new>
 #include <utility>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The records behind a concatenation task handle.
 #pragma once
 

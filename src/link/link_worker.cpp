@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Concatenation worker and control: Start, the worker's loop, Suspend,
 // GetStatus and Stop.
 #include <cmath>

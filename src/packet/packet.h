@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Multiplexing: one output built from the streams of input files (a worker
 // thread interleaves them) or from packets that the caller writes.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Multiplexing set-up: Init, Output, Input.
 #include <new>
 #include <string>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Caller-fed streams: StreamCreate adds an output stream from codec
 // parameters, StreamWrite writes one packet of the caller's into it.
 #include <cmath>

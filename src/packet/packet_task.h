@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The record behind a multiplexing task handle, and its list of inputs.
 #pragma once
 

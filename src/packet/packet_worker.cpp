@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Multiplexing worker and control: Start, the worker's loop, Suspend,
 // GetStatus and Stop.
 #include <thread>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Demultiplexing: an input split into one container per stream on a worker
 // thread, or its packets and codec parameters pulled by the caller.
 //

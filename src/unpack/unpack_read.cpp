@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Pulling from a demultiplexing task without its worker: Read, and the
 // codec parameters of a stream (GetAVCodec).
 #include <cstdlib>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Demultiplexing set-up: Init, Input, Output.
 #include <cstring>
 #include <new>

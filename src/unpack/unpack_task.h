@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The records behind a demultiplexing task handle.
 #pragma once
 

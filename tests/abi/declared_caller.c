@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /*
  * A caller that declares the interface itself, from its documentation alone,
  * without the library's header: the prototypes, the output record with its

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /* Remuxes IN into OUT with the installed library: proves that the header, the
  * library and its link information are all where the package says. */
 #define _POSIX_C_SOURCE 200809L /* nanosleep */

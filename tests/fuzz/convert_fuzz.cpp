@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Conversion of a hostile byte stream read through the caller read function,
 // remuxed into Matroska written through the caller write function.
 #include "fuzz/fuzz_io.h"

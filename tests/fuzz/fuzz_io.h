@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What every fuzz target shares: quiet logs (FFmpeg's complaints about broken
 // input are expected, and slow), the fuzz data as a caller read function, a
 // write function that takes everything, and waiting for a worker's end.

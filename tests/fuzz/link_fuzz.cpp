@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Concatenation has no caller I/O: the hostile bytes go into two files, which
 // are joined into a Matroska file. When the first four bytes, as a
 // little-endian number, fit in the rest, they are the first input's length and

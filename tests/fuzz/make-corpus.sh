@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Remakes the fuzz targets' starting corpus (tests/fuzz/corpus/) with the ffmpeg
 # tool (and python3): a fraction of a second of tiny video and audio in the
 # containers the test fixtures use, and a few hostile files, each a few kilobytes.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Multiplexing of caller-fed packets: the fuzz data is a run of packets
 // (stream index, time base, times and bytes), each handed to StreamWrite for
 // a Matroska output with one video and one audio stream, written through the

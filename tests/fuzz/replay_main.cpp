@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Replays files through a fuzz target's entry point, without libFuzzer: how
 // the regular test suite (any compiler, any sanitizer lane) keeps every input
 // that once broke the library. Arguments are files or directories of files;

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Demultiplexing of a hostile byte stream read through the caller read
 // function, pulled packet by packet with the sized Read until it reports the
 // end, with each stream's codec parameters taken on the way. The buffer starts

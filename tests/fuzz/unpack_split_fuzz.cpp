@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Demultiplexing of a hostile byte stream read through the caller read
 // function, split by the worker into one NUT output per stream (at most four)
 // written through the caller write function.

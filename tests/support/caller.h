@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What a caller of the library brings: progress callbacks that record what
 // they are told, read and write functions over memory, and waiting for a task.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // One task of any of the four families, driven through that family's own
 // calls in its own order, so that one case runs against every family: set-up
 // as far as a stage, Start, pause, status, a worker held inside a progress

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Media fixtures made at test time: real clips encoded by the ffmpeg tool, and
 // synthetic files written packet by packet with exact timestamps.
 #pragma once

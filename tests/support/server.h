@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A one-connection TCP server on the loopback address that sends some bytes
 // and then goes silent with the connection still open, so that a reader
 // blocks in its next read.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // What the tool tells its user when something fails: the library's error code
 // by name, a plain sentence of what went wrong and one of what to check.
 #pragma once
