@@ -18,6 +18,7 @@
 #include <fstream>
 #include <iostream>
 #include <list>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <thread>
@@ -204,14 +205,26 @@ class Results {
   int fd_ = STDOUT_FILENO;
 };
 
-// The ids of the jobs that a results file records as done; lines that are not
-// JSON (one cut short by a kill) are passed over.
+// The ids of the jobs that a results file records as done, the last line of
+// a job deciding, and whose outputs are all in place: the results line of a
+// job goes out before its outputs are renamed, so a kill in between leaves a
+// job to run again, not one whose output would be in the way. Lines that are
+// not JSON (one cut short by a kill) are passed over.
 std::set<std::string> DoneJobs(const std::string& path) {
-  std::set<std::string> done;
+  std::map<std::string, bool> last;
   std::ifstream file(path);
   for (std::string line; std::getline(file, line);) {
     const Json result = Json::parse(line, nullptr, false);
-    if (result.is_object() && result.value("outcome", "") == "done") done.insert(result.value("id", ""));
+    if (!result.is_object() || !result.contains("id")) continue;
+    bool done = result.value("outcome", "") == "done";
+    struct stat status {};
+    for (const Json& output : result.value("outputs", Json::array()))
+      done = done && output.is_string() && stat(output.get<std::string>().c_str(), &status) == 0;
+    last[result.value("id", "")] = done;
+  }
+  std::set<std::string> done;
+  for (const auto& [id, finished] : last) {
+    if (finished) done.insert(id);
   }
   return done;
 }
@@ -357,9 +370,17 @@ class Batch {
         CheckWrites(task.report());
         if (task.report().llPacketsRefused > 0)
           throw ToolFailure(fmt::format("the output's muxer refused {} packets", task.report().llPacketsRefused));
-        job->prepared.files->Commit();
-        Record(*job, "done", nullptr);
       } catch (...) {
+        Record(*job, "failed", std::current_exception());
+        job = running_.erase(job);
+        any = true;
+        continue;
+      }
+      Record(*job, "done", nullptr);
+      try {
+        job->prepared.files->Commit();
+      } catch (...) {
+        --progress_.done;
         Record(*job, "failed", std::current_exception());
       }
       job = running_.erase(job);
