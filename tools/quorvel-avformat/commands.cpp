@@ -137,6 +137,13 @@ void CheckStandardOutput() {
     throw ToolFailure(fmt::format("writing to standard output failed: {}", std::strerror(error)));
 }
 
+int RunPrepared(Prepared& prepared) {
+  const Outcome outcome = RunTask(*prepared.task, *prepared.counter, prepared.settings);
+  CheckStandardOutput();
+  prepared.files->Keep();
+  return ExitStatus(outcome, *prepared.task);
+}
+
 void Note(const CommonOptions& common, const std::string& text) {
   if (!common.quiet) fmt::print(stderr, "note: {}\n", text);
 }

@@ -5,11 +5,14 @@
 
 #include <CLI/CLI.hpp>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "Quorvel_AVFormat.h"
+#include "outputs.h"
 #include "progress.h"
+#include "task.h"
 
 namespace qtool {
 
@@ -24,6 +27,7 @@ struct CommonOptions {
   bool trusted = false;           // the default input policy instead of the strict one
   std::string allow_protocols;    // the default policy, reading through these protocols only
   std::vector<std::string> reverted;  // practical options switched back to their defined behaviour
+  bool temporary_names = false;   // outputs are written under a temporary name (see OutputFiles)
 };
 ProgressMode ResolveProgress(const CommonOptions& common);
 // The options on the whole tool (and, through fallthrough, on every subcommand).
@@ -35,10 +39,27 @@ void Configure(const Family& family, void* task, const CommonOptions& common);
 // The subcommand that the command line chose, ready to run: returns the exit status.
 using Action = std::function<int()>;
 
-void AddConvert(CLI::App& app, const CommonOptions& common, Action& action);
-void AddExtract(CLI::App& app, const CommonOptions& common, Action& action);
-void AddMux(CLI::App& app, const CommonOptions& common, Action& action);
-void AddConcat(CLI::App& app, const CommonOptions& common, Action& action);
+// A task set up from parsed arguments and started, with the files it writes;
+// nothing shown and nothing read from the terminal. Members go in the order
+// that they must be released in reverse: the task stops before its outputs
+// are taken away and before the counter that its worker reports to.
+struct Prepared {
+  std::unique_ptr<ProgressCounter> counter = std::make_unique<ProgressCounter>();
+  std::unique_ptr<OutputFiles> files;
+  std::unique_ptr<Task> task;
+  RunSettings settings;  // for a run on the terminal: the span, whether keys may be read
+};
+// What a task subcommand makes of its arguments: fills `prepared` (throws
+// UsageError, ToolFailure, LibraryFailure; what was made so far is released
+// by Prepared's members).
+using Builder = std::function<void(const CommonOptions& common, Prepared& prepared)>;
+// Drives a prepared task on the terminal (progress, keys, signals) and returns the exit status.
+int RunPrepared(Prepared& prepared);
+
+void AddConvert(CLI::App& app, Builder& builder);
+void AddExtract(CLI::App& app, Builder& builder);
+void AddMux(CLI::App& app, Builder& builder);
+void AddConcat(CLI::App& app, Builder& builder);
 void AddPackets(CLI::App& app, const CommonOptions& common, Action& action);
 void AddStreams(CLI::App& app, const CommonOptions& common, Action& action);
 void AddInfo(CLI::App& app, const CommonOptions& common, Action& action);

@@ -3,7 +3,7 @@
 _quorvel_avformat() {
   local cur prev words cword
   _init_completion || return
-  local subcommands="convert extract split mux concat info streams packets help"
+  local subcommands="convert extract split mux concat batch info streams packets help"
   local common="-q --quiet -y --overwrite -n --no-overwrite --progress --loglevel --no-keys --trusted
     --allow-protocols --exact-cut --end-on-match --keep-times --keep-stream-numbers --raw-times --round-robin
     --shortest --one-stream-per-input --keep-input-times --cut-on-output-timeline --unfragmented-mp4
@@ -22,6 +22,7 @@ _quorvel_avformat() {
     convert) options="--start --ss --end --to --duration -t -f --format" ;;
     extract | split) options="--all --name -f --format" ;;
     mux) options="--start --ss --end --to --duration -t -f --format" ;;
+    batch) options="--jobs --results --resume --shard" ;;
     info | streams | packets) options="--json" ;;
     help) mapfile -t COMPREPLY < <(compgen -W "$subcommands" -- "$cur"); return ;;
     "") [[ $cur != -* ]] && { mapfile -t COMPREPLY < <(compgen -W "$subcommands" -- "$cur"); return; } ;;

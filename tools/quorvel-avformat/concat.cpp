@@ -40,11 +40,12 @@ void ChooseStreams(ConcatInput& input, const MediaFile& file) {
     throw ToolFailure(fmt::format("{} gives no video and no audio stream", Shown(input.path)));
 }
 
-int RunConcat(const ConcatOptions& options, const CommonOptions& common) {
+void PrepareConcat(const ConcatOptions& options, const CommonOptions& common, Prepared& prepared) {
   if (options.output == "-") throw UsageError("concat writes a named file only, not standard output");
   std::vector<ConcatInput> inputs;
   std::vector<std::string> paths;
-  RunSettings settings{ResolveProgress(common), std::nullopt, !common.no_keys};
+  RunSettings& settings = prepared.settings;
+  settings = {ResolveProgress(common), std::nullopt, !common.no_keys};
   bool lengths_known = true;
   for (const std::string& text : options.inputs) {
     inputs.push_back(ParseConcatInput(text));
@@ -64,29 +65,27 @@ int RunConcat(const ConcatOptions& options, const CommonOptions& common) {
     settings.span->last += span->last - span->first;
   }
   if (!lengths_known) settings.span.reset();
-  OutputFiles files(common, paths);
-  files.Claim(options.output);
+  prepared.files = std::make_unique<OutputFiles>(common, paths);
+  const std::string written = prepared.files->Claim(options.output);
 
-  ProgressCounter counter;
-  Task task(kConcatenation, AVFormat_Link_Init(ProgressCounter::Record, &counter));
-  Check(task.get() != nullptr, "creating a concatenation task");
-  Configure(kConcatenation, task.get(), common);
-  files.Creating();
-  Check(AVFormat_Link_Output(task.get(), options.output.c_str()), "creating the output " + Shown(options.output),
-        options.output, Role::kOutput);
+  prepared.task =
+      std::make_unique<Task>(kConcatenation, AVFormat_Link_Init(ProgressCounter::Record, prepared.counter.get()));
+  void* task = prepared.task->get();
+  Check(task != nullptr, "creating a concatenation task");
+  Configure(kConcatenation, task, common);
+  prepared.files->Creating();
+  Check(AVFormat_Link_Output(task, written.c_str()), "creating the output " + Shown(options.output), written,
+        Role::kOutput);
   for (const ConcatInput& input : inputs) {
-    Check(AVFormat_Link_Input(task.get(), input.path.c_str(), input.start, input.end, *input.video, *input.audio),
+    Check(AVFormat_Link_Input(task, input.path.c_str(), input.start, input.end, *input.video, *input.audio),
           "opening the input " + Shown(input.path), input.path, Role::kInput);
   }
-  Check(AVFormat_Link_Start(task.get()), "writing the header to " + Shown(options.output));
-  const Outcome outcome = RunTask(task, counter, settings);
-  files.Keep();
-  return ExitStatus(outcome, task);
+  Check(AVFormat_Link_Start(task), "writing the header to " + Shown(options.output));
 }
 
 }  // namespace
 
-void AddConcat(CLI::App& app, const CommonOptions& common, Action& action) {
+void AddConcat(CLI::App& app, Builder& builder) {
   auto options = std::make_shared<ConcatOptions>();
   CLI::App* command = app.add_subcommand("concat", "Join files end to end into OUT");
   command->add_option("OUT", options->output, "Output file; its name decides the container")->required();
@@ -100,8 +99,9 @@ void AddConcat(CLI::App& app, const CommonOptions& common, Action& action) {
       "codecs. Each input's start= and end= are times on that input's own timeline; each input goes on where\n"
       "the previous one ended. Example:\n"
       "  quorvel-avformat concat joined.mkv part1.mkv part2.mkv,start=1,end=3");
-  command->callback(
-      [options, &common, &action] { action = [options, &common] { return RunConcat(*options, common); }; });
+  command->callback([options, &builder] {
+    builder = [options](const CommonOptions& common, Prepared& prepared) { PrepareConcat(*options, common, prepared); };
+  });
 }
 
 }  // namespace qtool

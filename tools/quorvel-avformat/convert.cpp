@@ -18,39 +18,37 @@ struct ConvertOptions {
   CutOptions cut;
 };
 
-int RunConvert(const ConvertOptions& options, const CommonOptions& common) {
+void PrepareConvert(const ConvertOptions& options, const CommonOptions& common, Prepared& prepared) {
   const Cut cut = ResolveCut(options.cut);
-  const OutputTarget output = ResolveOutput(options.output, options.format);
+  OutputTarget output = ResolveOutput(options.output, options.format);
   const bool piped_in = options.input == "-";
 
-  RunSettings settings{ResolveProgress(common), std::nullopt, !piped_in && !common.no_keys};
+  RunSettings& settings = prepared.settings;
+  settings = {ResolveProgress(common), std::nullopt, !piped_in && !common.no_keys};
   // The input is opened before the output exists: a missing or refused input leaves every file as it was.
   if (!piped_in) settings.span = MediaFile(options.input, common, kConversion).span();
   if (settings.span && cut.end > 0.0) settings.span->last = std::min(settings.span->last, cut.end);
-  OutputFiles files(common, {options.input});
-  files.Claim(options.output);
+  prepared.files = std::make_unique<OutputFiles>(common, std::vector<std::string>{options.input});
+  const std::string written = prepared.files->Claim(options.output);
+  if (output.write == nullptr) output.name = written;
 
-  ProgressCounter counter;
-  Task task(kConversion, AVFormat_Convert_Init(ProgressCounter::Record, &counter));
-  Check(task.get() != nullptr, "creating a conversion task");
-  Configure(kConversion, task.get(), common);
-  files.Creating();
+  prepared.task = std::make_unique<Task>(kConversion, AVFormat_Convert_Init(ProgressCounter::Record, prepared.counter.get()));
+  void* task = prepared.task->get();
+  Check(task != nullptr, "creating a conversion task");
+  Configure(kConversion, task, common);
+  prepared.files->Creating();
   // The library takes the output first: the input's streams become the output's.
-  Check(AVFormat_Convert_Output(task.get(), output.name.c_str(), cut.start, cut.end, output.write, nullptr),
-        "creating the output " + output.shown, options.output, Role::kOutput);
-  Check(AVFormat_Convert_Input(task.get(), piped_in ? nullptr : options.input.c_str(),
+  Check(AVFormat_Convert_Output(task, output.name.c_str(), cut.start, cut.end, output.write, nullptr),
+        "creating the output " + output.shown, written, Role::kOutput);
+  Check(AVFormat_Convert_Input(task, piped_in ? nullptr : options.input.c_str(),
                                piped_in ? ReadStandardInput : nullptr, nullptr),
         "opening the input " + Shown(options.input), options.input, Role::kInput);
-  Check(AVFormat_Convert_Start(task.get()), "writing the header to " + output.shown);
-  const Outcome outcome = RunTask(task, counter, settings);
-  CheckStandardOutput();
-  files.Keep();
-  return ExitStatus(outcome, task);
+  Check(AVFormat_Convert_Start(task), "writing the header to " + output.shown);
 }
 
 }  // namespace
 
-void AddConvert(CLI::App& app, const CommonOptions& common, Action& action) {
+void AddConvert(CLI::App& app, Builder& builder) {
   auto options = std::make_shared<ConvertOptions>();
   CLI::App* command = app.add_subcommand("convert", "Remux IN into another container, optionally cut");
   command->add_option("IN", options->input, "Input file, or - for standard input")->required();
@@ -62,8 +60,9 @@ void AddConvert(CLI::App& app, const CommonOptions& common, Action& action) {
       "Times are on the input's own timeline. A cut starts on the key frame at or before --start and keeps\n"
       "every packet before the end; the output starts at 0. Example:\n"
       "  quorvel-avformat convert in.mp4 out.mkv --start 2 --duration 4");
-  command->callback(
-      [options, &common, &action] { action = [options, &common] { return RunConvert(*options, common); }; });
+  command->callback([options, &builder] {
+    builder = [options](const CommonOptions& common, Prepared& prepared) { PrepareConvert(*options, common, prepared); };
+  });
 }
 
 }  // namespace qtool

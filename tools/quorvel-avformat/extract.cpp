@@ -138,7 +138,7 @@ void CheckTargets(const std::vector<SplitTarget>& targets, const ExtractOptions&
     throw UsageError("--format names the container for standard output only; a file's name decides its container");
 }
 
-int RunExtract(const ExtractOptions& options, const CommonOptions& common) {
+void PrepareExtract(const ExtractOptions& options, const CommonOptions& common, Prepared& prepared) {
   const bool piped_in = options.input == "-";
   if (options.all == !options.targets.empty()) throw UsageError("give either STREAMS=OUT targets or --all");
   if (options.all && piped_in) throw UsageError("--all needs a named input");
@@ -156,29 +156,31 @@ int RunExtract(const ExtractOptions& options, const CommonOptions& common) {
     Resolve(targets.back(), file.get(), options.input);
   }
   CheckTargets(targets, options);
-  std::vector<AVCODEC_FORMATINFO> records = MakeRecords(targets, options.format);
-  std::vector<AVCODEC_FORMATINFO*> pointers;
-  for (AVCODEC_FORMATINFO& record : records) pointers.push_back(&record);
-  AVCODEC_FORMATINFO** array = pointers.data();
 
-  RunSettings settings{ResolveProgress(common), std::nullopt, !piped_in && !common.no_keys};
+  RunSettings& settings = prepared.settings;
+  settings = {ResolveProgress(common), std::nullopt, !piped_in && !common.no_keys};
   if (file) settings.span = file->span();
   file.reset();
   double last_end = 0.0;
   for (const SplitTarget& target : targets) last_end = target.end > 0.0 ? std::max(last_end, target.end) : 1e300;
   if (settings.span) settings.span->last = std::min(settings.span->last, last_end);
-  OutputFiles files(common, {options.input});
-  for (const SplitTarget& target : targets) files.Claim(target.output);
+  prepared.files = std::make_unique<OutputFiles>(common, std::vector<std::string>{options.input});
+  for (SplitTarget& target : targets) target.output = prepared.files->Claim(target.output);
+  std::vector<AVCODEC_FORMATINFO> records = MakeRecords(targets, options.format);
+  std::vector<AVCODEC_FORMATINFO*> pointers;
+  for (AVCODEC_FORMATINFO& record : records) pointers.push_back(&record);
+  AVCODEC_FORMATINFO** array = pointers.data();
 
-  ProgressCounter counter;
-  Task task(kDemultiplexing, AVFormat_UNPack_Init(ProgressCounter::Record, &counter));
-  Check(task.get() != nullptr, "creating a demultiplexing task");
-  Configure(kDemultiplexing, task.get(), common);
-  Check(AVFormat_UNPack_Input(task.get(), piped_in ? nullptr : options.input.c_str(),
+  prepared.task =
+      std::make_unique<Task>(kDemultiplexing, AVFormat_UNPack_Init(ProgressCounter::Record, prepared.counter.get()));
+  void* task = prepared.task->get();
+  Check(task != nullptr, "creating a demultiplexing task");
+  Configure(kDemultiplexing, task, common);
+  Check(AVFormat_UNPack_Input(task, piped_in ? nullptr : options.input.c_str(),
                               piped_in ? ReadStandardInput : nullptr, nullptr),
         "opening the input " + Shown(options.input), options.input, Role::kInput);
-  files.Creating();
-  if (!AVFormat_UNPack_Output(task.get(), &array, static_cast<int>(records.size()))) {
+  prepared.files->Creating();
+  if (!AVFormat_UNPack_Output(task, &array, static_cast<int>(records.size()))) {
     const uint64_t code = AVFormat_GetLastError(nullptr);
     std::string reason;
     for (const SplitTarget& target : targets) {
@@ -186,16 +188,12 @@ int RunExtract(const ExtractOptions& options, const CommonOptions& common) {
     }
     throw LibraryFailure{code, "creating the outputs", reason};
   }
-  Check(AVFormat_UNPack_Start(task.get()), "starting the demultiplexing task");
-  const Outcome outcome = RunTask(task, counter, settings);
-  CheckStandardOutput();
-  files.Keep();
-  return ExitStatus(outcome, task);
+  Check(AVFormat_UNPack_Start(task), "starting the demultiplexing task");
 }
 
 }  // namespace
 
-void AddExtract(CLI::App& app, const CommonOptions& common, Action& action) {
+void AddExtract(CLI::App& app, Builder& builder) {
   auto options = std::make_shared<ExtractOptions>();
   CLI::App* command = app.add_subcommand("extract", "Take streams out of IN, each into a container of its own");
   command->alias("split");
@@ -215,8 +213,9 @@ void AddExtract(CLI::App& app, const CommonOptions& common, Action& action) {
       "`quorvel-avformat info IN` lists the streams. Examples:\n"
       "  quorvel-avformat extract in.mkv v:0=video.mkv a:0=audio.mka\n"
       "  quorvel-avformat extract in.mkv --all --name 'tracks/{index}-{type}.{ext}'");
-  command->callback(
-      [options, &common, &action] { action = [options, &common] { return RunExtract(*options, common); }; });
+  command->callback([options, &builder] {
+    builder = [options](const CommonOptions& common, Prepared& prepared) { PrepareExtract(*options, common, prepared); };
+  });
 }
 
 }  // namespace qtool

@@ -12,6 +12,7 @@ extern "C" {
 }
 
 #include "Quorvel_AVFormat.h"
+#include "batch.h"
 #include "commands.h"
 #include "errors.h"
 #include "terminal.h"
@@ -77,10 +78,12 @@ int main(int argc, char** argv) {
   AddCommonOptions(app, common);
 
   Action action;
-  AddConvert(app, common, action);
-  AddExtract(app, common, action);
-  AddMux(app, common, action);
-  AddConcat(app, common, action);
+  Builder builder;
+  AddConvert(app, builder);
+  AddExtract(app, builder);
+  AddMux(app, builder);
+  AddConcat(app, builder);
+  AddBatch(app, common, action);
   AddInfo(app, common, action);
   AddStreams(app, common, action);
   AddPackets(app, common, action);
@@ -98,6 +101,13 @@ int main(int argc, char** argv) {
     return app.exit(error) == 0 ? 0 : 2;
   }
   const std::string command = app.get_subcommands().front()->get_name();
+  if (builder) {
+    action = [&] {
+      Prepared prepared;
+      builder(common, prepared);
+      return RunPrepared(prepared);
+    };
+  }
   InstallStopSignals();
   av_log_set_level(LogLevel(common));
   try {

@@ -42,9 +42,9 @@ MuxInput ParseMuxInput(const std::string& text) {
   return {text, ""};
 }
 
-int RunMux(const MuxOptions& options, const CommonOptions& common) {
+void PrepareMux(const MuxOptions& options, const CommonOptions& common, Prepared& prepared) {
   const Cut cut = ResolveCut(options.cut);
-  const OutputTarget output = ResolveOutput(options.output, options.format);
+  OutputTarget output = ResolveOutput(options.output, options.format);
   std::vector<MuxInput> inputs;
   std::vector<std::string> paths;
   for (const std::string& text : options.inputs) {
@@ -55,7 +55,8 @@ int RunMux(const MuxOptions& options, const CommonOptions& common) {
   if (piped_inputs > 1) throw UsageError("only one input can come from standard input");
 
   // Every named input is opened, and every specifier matched, before the output exists.
-  RunSettings settings{ResolveProgress(common), std::nullopt, piped_inputs == 0 && !common.no_keys};
+  RunSettings& settings = prepared.settings;
+  settings = {ResolveProgress(common), std::nullopt, piped_inputs == 0 && !common.no_keys};
   const bool shortest =
       std::find(common.reverted.begin(), common.reverted.end(), "until_all_inputs_end") != common.reverted.end();
   for (size_t i = 0; i < inputs.size(); ++i) {
@@ -78,35 +79,32 @@ int RunMux(const MuxOptions& options, const CommonOptions& common) {
     }
   }
   if (settings.span && cut.end > 0.0) settings.span->last = std::min(settings.span->last, cut.end);
-  OutputFiles files(common, paths);
-  files.Claim(options.output);
+  prepared.files = std::make_unique<OutputFiles>(common, paths);
+  const std::string written = prepared.files->Claim(options.output);
+  if (output.write == nullptr) output.name = written;
 
-  ProgressCounter counter;
-  Task task(kMultiplexing, AVFormat_Packet_Init(ProgressCounter::Record, &counter));
-  Check(task.get() != nullptr, "creating a multiplexing task");
-  Configure(kMultiplexing, task.get(), common);
-  files.Creating();
-  Check(AVFormat_Packet_Output(task.get(), output.name.c_str(), cut.start, cut.end, output.write, nullptr),
-        "creating the output " + output.shown, options.output, Role::kOutput);
+  prepared.task =
+      std::make_unique<Task>(kMultiplexing, AVFormat_Packet_Init(ProgressCounter::Record, prepared.counter.get()));
+  void* task = prepared.task->get();
+  Check(task != nullptr, "creating a multiplexing task");
+  Configure(kMultiplexing, task, common);
+  prepared.files->Creating();
+  Check(AVFormat_Packet_Output(task, output.name.c_str(), cut.start, cut.end, output.write, nullptr),
+        "creating the output " + output.shown, written, Role::kOutput);
   for (const MuxInput& input : inputs) {
     const bool piped = input.path == "-";
     if (!input.selector.empty())
-      Check(AVFormat_Packet_SetOption(task.get(), "streams", input.selector.c_str()),
-            "choosing the streams " + input.selector);
-    Check(AVFormat_Packet_Input(task.get(), piped ? nullptr : input.path.c_str(), piped ? ReadStandardInput : nullptr,
+      Check(AVFormat_Packet_SetOption(task, "streams", input.selector.c_str()), "choosing the streams " + input.selector);
+    Check(AVFormat_Packet_Input(task, piped ? nullptr : input.path.c_str(), piped ? ReadStandardInput : nullptr,
                                 nullptr),
           "opening the input " + Shown(input.path), input.path, Role::kInput);
   }
-  Check(AVFormat_Packet_Start(task.get()), "writing the header to " + output.shown);
-  const Outcome outcome = RunTask(task, counter, settings);
-  CheckStandardOutput();
-  files.Keep();
-  return ExitStatus(outcome, task);
+  Check(AVFormat_Packet_Start(task), "writing the header to " + output.shown);
 }
 
 }  // namespace
 
-void AddMux(CLI::App& app, const CommonOptions& common, Action& action) {
+void AddMux(CLI::App& app, Builder& builder) {
   auto options = std::make_shared<MuxOptions>();
   CLI::App* command = app.add_subcommand("mux", "Build OUT from the streams of several files");
   command->add_option("OUT", options->output, "Output file (its name decides the container), or - for standard output")
@@ -122,7 +120,9 @@ void AddMux(CLI::App& app, const CommonOptions& common, Action& action) {
       "Every stream of each input goes into an output stream of its own; packets are interleaved by time and\n"
       "the output runs until every input has ended. Example (the video of one file, the audio of another):\n"
       "  quorvel-avformat mux both.mkv video.mkv:v audio.mka:a");
-  command->callback([options, &common, &action] { action = [options, &common] { return RunMux(*options, common); }; });
+  command->callback([options, &builder] {
+    builder = [options](const CommonOptions& common, Prepared& prepared) { PrepareMux(*options, common, prepared); };
+  });
 }
 
 }  // namespace qtool

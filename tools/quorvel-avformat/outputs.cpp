@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <cstdio>
 #include <iostream>
 
@@ -15,13 +17,31 @@
 
 namespace qtool {
 
-OutputFiles::~OutputFiles() {
-  if (keep_ || !created_) return;
-  for (const std::string& path : claimed_) std::remove(path.c_str());
+std::string TemporaryName(const std::string& path) {
+  const auto slash = path.rfind('/');
+  const auto dot = path.rfind('.');
+  const bool extension = dot != std::string::npos && (slash == std::string::npos || dot > slash + 1);
+  const std::string part = fmt::format(".part-{}", getpid());
+  return extension ? path.substr(0, dot) + part + path.substr(dot) : path + part;
 }
 
-void OutputFiles::Claim(const std::string& path) {
-  if (path == "-") return;
+OutputFiles::~OutputFiles() {
+  if (keep_ || !created_) return;
+  for (const std::string& path : written_) std::remove(path.c_str());
+}
+
+void OutputFiles::Commit() {
+  for (size_t i = 0; i < claimed_.size(); ++i) {
+    if (written_[i] != claimed_[i] && std::rename(written_[i].c_str(), claimed_[i].c_str()) != 0)
+      throw ToolFailure(fmt::format("renaming \"{}\" to \"{}\" failed: {}", written_[i], claimed_[i],
+                                    std::strerror(errno)));
+    written_[i] = claimed_[i];  // in place: no longer taken away
+  }
+  keep_ = true;
+}
+
+std::string OutputFiles::Claim(const std::string& path) {
+  if (path == "-") return path;
   struct stat output {};
   const bool exists = stat(path.c_str(), &output) == 0;
   for (const std::string& input : inputs_) {
@@ -32,12 +52,17 @@ void OutputFiles::Claim(const std::string& path) {
                                     path, Shown(input)));
   }
   if (exists && S_ISREG(output.st_mode)) {
-    if (common_.no_overwrite) throw ToolFailure(fmt::format("\"{}\" exists already: not overwritten (-n)", path));
+    if (common_.no_overwrite)
+      throw ToolFailure(fmt::format("\"{}\" exists already: not overwritten ({})", path,
+                                    common_.temporary_names ? "\"overwrite\": true replaces it" : "-n"));
     if (!common_.overwrite && !Confirm(path))
       throw ToolFailure(fmt::format("\"{}\" exists already: not overwritten (-y overwrites it)", path));
   }
   // Only what is a plain file, or nothing yet, is taken away after a failure.
-  if (!exists || S_ISREG(output.st_mode)) claimed_.push_back(path);
+  if (exists && !S_ISREG(output.st_mode)) return path;
+  claimed_.push_back(path);
+  written_.push_back(common_.temporary_names ? TemporaryName(path) : path);
+  return written_.back();
 }
 
 bool OutputFiles::Confirm(const std::string& path) const {

@@ -41,8 +41,6 @@ void Task::Stop() {
   handle_ = nullptr;
 }
 
-namespace {
-
 // A write the output refused, or a failed trailer, fails the command with the
 // system's reason. Standard output's own failures are told by the command. An
 // output without a single packet is no result either.
@@ -59,8 +57,6 @@ void CheckWrites(const AVFORMAT_TASK_REPORT& report) {
                           ? fmt::format("the output refused all {} packets it was given", report.llPacketsRefused)
                           : std::string("no packet was written: the input holds none in the chosen streams and span"));
 }
-
-}  // namespace
 
 Outcome RunTask(Task& task, ProgressCounter& counter, const RunSettings& settings) {
   KeyReader keys(settings.keys);

@@ -55,6 +55,10 @@ struct RunSettings {
   bool keys = true;  // read p and q from the terminal (not when standard input carries data)
 };
 
+// Throws ToolFailure when a write to the output or its trailer failed, or no
+// packet was written.
+void CheckWrites(const AVFORMAT_TASK_REPORT& report);
+
 enum class Outcome { kFinished, kStopped, kInterrupted };
 
 // Waits for a started task's worker to end, or for the user to stop it, then
