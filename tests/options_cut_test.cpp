@@ -14,35 +14,6 @@ using namespace qtest;
 
 namespace {
 
-// What ffprobe sees of one stream: packets, decoded frames, first time and span in seconds.
-struct Stats {
-  size_t packets = 0;
-  long frames = 0;
-  double first = 1e9, last = -1e9;
-};
-
-std::vector<Stats> StatsOf(const std::string& path) {
-  std::vector<Stats> all;
-  const std::vector<ProbePacket> packets = ProbePackets(path);
-  std::string frames;
-  qtest::Run(std::string(QUORVEL_FFPROBE_TOOL) + " -v error -count_frames -show_entries stream=nb_read_frames " +
-                 "-of csv=p=0 '" + path + "'",
-             &frames);
-  std::istringstream counts(frames);
-  for (const ProbeStream& stream : ProbeStreams(path)) {
-    Stats stats;
-    counts >> stats.frames;
-    for (const ProbePacket& packet : OfStream(packets, stream.index)) {
-      const double pts = static_cast<double>(packet.pts) * av_q2d(stream.time_base);
-      stats.first = std::min(stats.first, pts);
-      stats.last = std::max(stats.last, pts);
-      ++stats.packets;
-    }
-    all.push_back(stats);
-  }
-  return all;
-}
-
 // One output of a job: our file, the input stream it takes (demultiplexing),
 // and the reference's ffmpeg arguments: input options|output options ("": none).
 struct Out {
@@ -107,19 +78,19 @@ TEST(OptionsCut, EachOptionMatchesFfmpegStreamCopy) {
     EXPECT_EQ(RunJob(row).llPacketsRefused > 0, row.refused);
     double first = 1e9;
     for (const Out& out : row.outs) {
-      const std::vector<Stats> ours = StatsOf(TempPath(out.name));
-      for (const Stats& stats : ours) first = std::min(first, stats.first);
+      const std::vector<StreamShape> ours = ShapesOf(TempPath(out.name));
+      for (const StreamShape& stats : ours) first = std::min(first, stats.first);
       if (out.reference.empty()) continue;
       const std::string reference = TempPath("ref-" + out.name);
       const size_t bar = out.reference.find('|');
       ASSERT_EQ(qtest::Run(std::string(QUORVEL_FFMPEG_TOOL) + " -v error -y " + out.reference.substr(0, bar) + " -i '" +
                            row.input + "' " + out.reference.substr(bar + 1) + "'" + reference + "'"),
                 0);
-      const std::vector<Stats> theirs = StatsOf(reference);
+      const std::vector<StreamShape> theirs = ShapesOf(reference);
       ASSERT_EQ(ours.size(), row.matches ? theirs.size() : ours.size()) << out.name;
       for (size_t i = 0; i < theirs.size(); ++i) {
         SCOPED_TRACE(out.name + " stream " + std::to_string(i));
-        const Stats mine = i < ours.size() ? ours[i] : Stats{};
+        const StreamShape mine = i < ours.size() ? ours[i] : StreamShape{};
         EXPECT_TRUE(row.matches ? mine.packets == theirs[i].packets : mine.packets < theirs[i].packets)
             << mine.packets << " packets, ffmpeg " << theirs[i].packets;
         if (!row.matches) continue;

@@ -2,8 +2,7 @@
 // Multiplexing and concatenation with the practical options against the ffmpeg tool's -c copy, read by ffprobe.
 #include <gtest/gtest.h>
 
-#include "support/caller.h"
-#include "support/fixtures.h"
+#include "support/families.h"
 
 namespace {
 
@@ -13,25 +12,6 @@ using namespace qtest;
 std::string Av(const std::string& name, int seconds, const std::string& tone = "sine") {
   return Clip(name, "-f lavfi -i testsrc=size=160x120:rate=25 -f lavfi -i " + tone + " -t " + std::to_string(seconds) +
                         " -c:v libx264 -bf 2 -g 25 -c:a aac");
-}
-
-// Per stream: its kind, packets, and span (first pts to last pts + duration) in seconds.
-struct Shape {
-  std::string type;
-  int packets = 0;
-  double first = 1e9, last = -1e9;
-};
-std::vector<Shape> Shapes(const std::string& path) {
-  const std::vector<ProbeStream> streams = ProbeStreams(path);
-  std::vector<Shape> shapes(streams.size());
-  for (const ProbeStream& stream : streams) shapes[stream.index].type = stream.codec_type;
-  for (const ProbePacket& p : ProbePackets(path)) {
-    const double base = av_q2d(streams[p.stream].time_base);
-    Shape& shape = shapes[p.stream];
-    ++shape.packets, shape.first = std::min(shape.first, p.pts * base);
-    shape.last = std::max(shape.last, (p.pts + p.duration) * base);
-  }
-  return shapes;
 }
 
 // Multiplexing with the practical preset (one option set back to 0, if named):
@@ -56,33 +36,26 @@ TEST(OptionsMux, PracticalMuxMatchesFFmpegMap) {
   int n = 0;
   for (const auto& job : cases) {
     const std::string ours = TempPath("mux" + std::to_string(++n) + ".mp4"), ref = TempPath("muxref.mp4");
-    void* task = AVFormat_Packet_Init(nullptr, nullptr);
-    ASSERT_TRUE(AVFormat_Packet_SetOption(task, "mode", "practical"));
-    ASSERT_TRUE(job.off.empty() || AVFormat_Packet_SetOption(task, job.off.c_str(), "0"));
-    ASSERT_TRUE(AVFormat_Packet_Output(task, ours.c_str(), 0, 0, nullptr, nullptr));
-    bool taken = true;
+    AnyTask task(Family::kPacket);
+    ASSERT_TRUE(task.Set("mode", "practical") && (job.off.empty() || task.Set(job.off.c_str(), "0")));
+    std::vector<Source> sources;
     std::string ffmpeg = QUORVEL_FFMPEG_TOOL " -v error -y";
-    for (const auto& [streams, file] : job.inputs) {
-      taken = taken && (streams.empty() || AVFormat_Packet_SetOption(task, "streams", streams.c_str())) &&
-              AVFormat_Packet_Input(task, file.c_str(), nullptr, nullptr);
-      ffmpeg += " -i " + file;
-    }
+    for (const auto& [streams, file] : job.inputs)
+      sources.push_back({file, nullptr, 0, 0, 0, 1, streams}), ffmpeg += " -i " + file;
+    const bool taken = task.Reach(Stage::kEnded, sources, {ours});
     EXPECT_EQ(taken, !job.maps.empty()) << n;
-    if (!taken || !AVFormat_Packet_Start(task)) {
-      EXPECT_EQ(LastError(), (ErrorState{true, ERROR_AVFORMAT_PACKET_PARAMETER})) << n;
-      AVFormat_Packet_Stop(task);
+    if (!taken) {
+      EXPECT_EQ(task.code, ERROR_AVFORMAT_PACKET_PARAMETER) << n;
       continue;
     }
-    bool on = true;
-    EXPECT_TRUE(WaitUntil([&] { return AVFormat_Packet_GetStatus(task, &on) && !on; }));
-    AVFormat_Packet_Stop(task);
+    task.Stop();
     ASSERT_EQ(qtest::Run(ffmpeg + " " + job.maps + " -c copy " + ref), 0) << ffmpeg;
-    const std::vector<Shape> got = Shapes(ours), want = Shapes(ref);
+    const std::vector<StreamShape> got = ShapesOf(ours), want = ShapesOf(ref);
     ASSERT_EQ(got.size(), want.size()) << n;
     for (size_t i = 0; i < got.size(); ++i) {  // -shortest ends within a packet of our end
       EXPECT_EQ(got[i].type, want[i].type) << n << " stream " << i;
       EXPECT_NEAR(got[i].packets, want[i].packets, job.off.empty() ? 0 : 1) << n << " stream " << i;
-      EXPECT_NEAR(got[i].last - got[i].first, want[i].last - want[i].first, 0.05) << n << " stream " << i;
+      EXPECT_NEAR(got[i].end - got[i].first, want[i].end - want[i].first, 0.05) << n << " stream " << i;
     }
   }
 }
@@ -95,9 +68,9 @@ void AddPart(const std::string& file, double in, double out, int packets[2], dou
   std::string cut = QUORVEL_FFMPEG_TOOL " -v error -y" + (in > 0 ? " -ss " + std::to_string(in) : "") + " -i " + file;
   if (out > 0) cut += " -t " + std::to_string(out - in);
   ASSERT_EQ(qtest::Run(cut + " -c copy " + part), 0) << cut;
-  const std::vector<Shape> shapes = Shapes(part);
+  const std::vector<StreamShape> shapes = ShapesOf(part);
   for (int i : {0, 1}) packets[i] += shapes.at(i).packets;
-  length += std::max(shapes[0].last, shapes[1].last) - std::min(shapes[0].first, shapes[1].first);
+  length += std::max(shapes[0].end, shapes[1].end) - std::min(shapes[0].first, shapes[1].first);
 }
 
 // Concatenation with the practical preset: every part joined without a loss
@@ -109,28 +82,18 @@ TEST(OptionsLink, PracticalJoinKeepsEveryPartWhole) {
   int n = 0;
   for (const auto& inputs : cases) {
     const std::string ours = TempPath("link" + std::to_string(++n) + ".mkv");
-    void* task = AVFormat_Link_Init(nullptr, nullptr);
-    ASSERT_TRUE(AVFormat_Link_SetOption(task, "mode", "practical"));
-    ASSERT_TRUE(AVFormat_Link_Output(task, ours.c_str()));
+    AnyTask task(Family::kLink);
     int packets[2] = {0, 0};  // what the parts hold
     double length = 0.0;
-    for (const auto& [file, in, out] : inputs) {
-      EXPECT_TRUE(AVFormat_Link_Input(task, file.c_str(), in, out, 0, 1));
-      AddPart(file, in, out, packets, length);
-    }
-    ASSERT_TRUE(AVFormat_Link_Start(task));
-    bool on = true;
-    EXPECT_TRUE(WaitUntil([&] { return AVFormat_Link_GetStatus(task, &on) && !on; }));
-    AVFormat_Link_Stop(task);
-    const std::vector<Shape> got = Shapes(ours);
+    std::vector<Source> sources;
+    for (const auto& [file, in, out] : inputs)
+      sources.push_back({file, nullptr, in, out}), AddPart(file, in, out, packets, length);
+    ASSERT_TRUE(task.Set("mode", "practical") && task.Reach(Stage::kEnded, sources, {ours}) && task.Stop());
+    const std::vector<StreamShape> got = ShapesOf(ours);
     const double joins = static_cast<double>(inputs.size() - 1);  // an AAC priming packet overlaps each join
     for (int i : {0, 1}) EXPECT_NEAR(got.at(i).packets, packets[i], i * joins) << n << " stream " << i;
-    EXPECT_NEAR(std::max(got[0].last, got[1].last) - std::min(got[0].first, got[1].first), length, 0.05 * joins)
-        << n;
-    std::string decoded;  // video frames that a decoder gets out of the join
-    qtest::Run(QUORVEL_FFPROBE_TOOL " -v 0 -count_frames -show_entries stream=nb_read_frames -of csv=p=0 " + ours,
-               &decoded);
-    EXPECT_EQ(std::atoi(decoded.c_str()), got[0].packets) << n;
+    EXPECT_NEAR(std::max(got[0].end, got[1].end) - std::min(got[0].first, got[1].first), length, 0.05 * joins) << n;
+    EXPECT_EQ(got[0].frames, got[0].packets) << n << ": video frames that a decoder gets out of the join";
   }
 }
 

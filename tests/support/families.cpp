@@ -83,7 +83,8 @@ bool AnyTask::Input(const std::vector<Source>& sources) {
   bool ok = !sources.empty();
   for (const Source& s : sources) {
     const char* url = s.reader != nullptr && s.url.empty() ? nullptr : s.url.c_str();
-    ok = ok && Check(family == Family::kLink
+    ok = ok && (s.streams.empty() || Set("streams", s.streams.c_str())) &&
+         Check(family == Family::kLink
                          ? AVFormat_Link_Input(handle_, url, s.start, s.end, s.video, s.audio)
                          : Of(family).input(handle_, url, s.reader ? MemoryReader::Read : nullptr, s.reader));
     if (family == Family::kConvert || family == Family::kUnpack) break;

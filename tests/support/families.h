@@ -31,12 +31,14 @@ struct Codes {
 const Codes& CodesOf(Family family);
 
 // Where a task reads: a file name or URL, or (all but concatenation) a caller
-// read function; for concatenation also the input's cut and its two streams.
+// read function; for concatenation also the input's cut and its two streams;
+// for multiplexing the `streams` option to set before this input, if any.
 struct Source {
   std::string url;
   MemoryReader* reader = nullptr;
   double start = 0, end = 0;
   int video = 0, audio = 1;
+  std::string streams = "";
 };
 // Where a task writes: a file name, or with a writer a format's short name,
 // with the output's cut. A demultiplexing task writes input stream `stream` there.

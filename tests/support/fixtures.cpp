@@ -14,6 +14,7 @@ extern "C" {
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <map>
 #include <mutex>
 #include <set>
@@ -181,6 +182,24 @@ std::vector<ProbeStream> ProbeStreams(const std::string& path) {
     streams.push_back(stream);
   }
   return streams;
+}
+
+std::vector<StreamShape> ShapesOf(const std::string& path) {
+  const std::vector<ProbeStream> streams = ProbeStreams(path);
+  std::vector<StreamShape> shapes(streams.size());
+  std::string frames;
+  Run(QUORVEL_FFPROBE_TOOL " -v error -count_frames -show_entries stream=nb_read_frames -of csv=p=0 '" + path + "'",
+      &frames);
+  std::istringstream counts(frames);
+  for (const ProbeStream& stream : streams)
+    counts >> shapes[stream.index].frames, shapes[stream.index].type = stream.codec_type;
+  for (const ProbePacket& p : ProbePackets(path)) {
+    StreamShape& shape = shapes[p.stream];
+    const double base = av_q2d(streams[p.stream].time_base);
+    ++shape.packets, shape.first = std::min(shape.first, p.pts * base), shape.last = std::max(shape.last, p.pts * base);
+    shape.end = std::max(shape.end, (p.pts + p.duration) * base);
+  }
+  return shapes;
 }
 
 std::vector<ProbePacket> OfStream(const std::vector<ProbePacket>& packets, int stream) {

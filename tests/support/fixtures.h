@@ -77,6 +77,15 @@ struct ProbeStream {
 // ffprobe's view of a file: empty when ffprobe rejects it.
 std::vector<ProbePacket> ProbePackets(const std::string& path);
 std::vector<ProbeStream> ProbeStreams(const std::string& path);
+// What ffprobe sees of each stream: its kind, packets, the frames a decoder
+// gets out, and in seconds its first pts, last pts and last pts + duration.
+struct StreamShape {
+  std::string type;
+  int packets = 0;
+  long frames = 0;
+  double first = 1e9, last = -1e9, end = -1e9;
+};
+std::vector<StreamShape> ShapesOf(const std::string& path);
 // Packets of one stream only.
 std::vector<ProbePacket> OfStream(const std::vector<ProbePacket>& packets, int stream);
 
