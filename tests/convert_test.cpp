@@ -4,6 +4,8 @@
 // lifecycle suite's tables.
 #include <gtest/gtest.h>
 
+#include <climits>
+
 #include "support/families.h"
 
 namespace {
@@ -80,11 +82,15 @@ TEST(ConvertStreams, DataStreamsAreDroppedAndLaterStreamsLoseTheirIndex) {
 }
 
 // Seek takes whole seconds and lands on any frame, key frame or not (MP4
-// honours that); here on a task that Start left paused, before any packet moved.
+// honours that); here on a task that Start left paused, before any packet
+// moved. Seconds whose microseconds do not fit in 64 bits get the seek code.
 TEST(ConvertSeek, APausedTaskGoesOnFromTheWholeSecondAsked) {
   AnyTask task(Family::kConvert);
   const Sink sink{TempPath("seek.mkv")};
   ASSERT_TRUE(task.Reach(Stage::kSetUp, {{VideoAudioClip("mp4")}}, sink) && task.Suspend(true) && task.Start());
+  for (long long seconds : {10000000000000LL, -10000000000000LL, LLONG_MAX, LLONG_MIN})
+    EXPECT_EQ(AVFormat_Convert_Seek(task.handle(), seconds) ? 0 : AVFormat_GetLastError(nullptr),
+              ERROR_AVFORMAT_CONVERT_SEEK);
   ASSERT_TRUE(AVFormat_Convert_Seek(task.handle(), 1) && task.Suspend(false) && task.WaitForEnd() && task.Stop());
   const auto calls = task.log.Calls();
   ASSERT_FALSE(calls.empty());

@@ -2,11 +2,10 @@
 // What hostile input and careless callers do to a task: read functions that
 // say 0, claim more than they were asked for, stall or fail; a network source
 // that goes silent; Stop from inside the task's own progress callback;
-// playlists that reach for other files and the network; seconds beyond 64
-// bits of microseconds. The sanitizer lanes run these for leaks.
+// playlists that reach for other files and the network. The sanitizer lanes
+// run these for leaks.
 #include <gtest/gtest.h>
 
-#include <climits>
 #include <filesystem>
 
 #include "support/families.h"
@@ -142,16 +141,6 @@ TEST(Playlists, NamedOnesOpenTheirNeighboursBridgedOnesNothing) {
                 !bridged);
       EXPECT_EQ(task.log.Count(), bridged ? 0u : 50u) << Name(family) << (bridged ? ", bridged" : ", by name");
     }
-}
-
-TEST(ConvertSeek, FailsWithTheSeekCodeWhenTheMicrosecondsDoNotFit) {
-  AnyTask task(Family::kConvert);
-  ASSERT_TRUE(task.Reach(Stage::kSetUp, {{VideoAudioClip("mkv")}}, {TempPath("seek.mkv")}));
-  for (long long seconds : {10000000000000LL, -10000000000000LL, LLONG_MAX, LLONG_MIN}) {
-    EXPECT_FALSE(AVFormat_Convert_Seek(task.handle(), seconds)) << seconds;
-    EXPECT_EQ(AVFormat_GetLastError(nullptr), ERROR_AVFORMAT_CONVERT_SEEK) << seconds;
-  }
-  EXPECT_TRUE(AVFormat_Convert_Seek(task.handle(), 1));
 }
 
 }  // namespace
