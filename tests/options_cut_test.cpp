@@ -41,8 +41,9 @@ AVFORMAT_TASK_REPORT RunJob(const Row& row) {
   for (std::string name; names >> name;) EXPECT_TRUE(task.Set(name.c_str(), "1"));
   std::vector<Sink> sinks;
   for (const Out& out : row.outs) sinks.push_back({TempPath(out.name), nullptr, row.start, row.end, out.stream});
-  EXPECT_TRUE(row.unpack ? task.Input({{row.input}}) && task.Outputs(sinks) && task.Start() && task.WaitForEnd()
-                         : task.Reach(Stage::kEnded, {{row.input}}, sinks[0]));
+  const std::vector<Source> sources(1, Source{row.input});
+  EXPECT_TRUE(row.unpack ? task.Input(sources) && task.Outputs(sinks) && task.Start() && task.WaitForEnd()
+                         : task.Reach(Stage::kEnded, sources, sinks[0]));
   AVFORMAT_TASK_REPORT report{};
   report.dwSize = sizeof report;
   task.Stop(&report);
