@@ -95,6 +95,14 @@ void Configure(const Family& family, void* task, const CommonOptions& common) {
   }
 }
 
+void* NewTask(const Family& family, const CommonOptions& common, Prepared& prepared) {
+  prepared.task = std::make_unique<Task>(family, family.init(ProgressCounter::Record, prepared.counter.get()));
+  void* task = prepared.task->get();
+  Check(task != nullptr, std::string("creating a ") + family.name + " task");
+  Configure(family, task, common);
+  return task;
+}
+
 OutputTarget ResolveOutput(const std::string& output, const std::string& format) {
   if (output != "-") {
     if (!format.empty())

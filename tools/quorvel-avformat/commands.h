@@ -53,6 +53,9 @@ struct Prepared {
 // UsageError, ToolFailure, LibraryFailure; what was made so far is released
 // by Prepared's members).
 using Builder = std::function<void(const CommonOptions& common, Prepared& prepared)>;
+// Makes `prepared`'s task of `family`, reporting to its counter, and
+// configures it (Configure); returns its handle. Throws LibraryFailure.
+void* NewTask(const Family& family, const CommonOptions& common, Prepared& prepared);
 // Drives a prepared task on the terminal (progress, keys, signals) and returns the exit status.
 int RunPrepared(Prepared& prepared);
 

@@ -68,11 +68,7 @@ void PrepareConcat(const ConcatOptions& options, const CommonOptions& common, Pr
   prepared.files = std::make_unique<OutputFiles>(common, paths);
   const std::string written = prepared.files->Claim(options.output);
 
-  prepared.task =
-      std::make_unique<Task>(kConcatenation, AVFormat_Link_Init(ProgressCounter::Record, prepared.counter.get()));
-  void* task = prepared.task->get();
-  Check(task != nullptr, "creating a concatenation task");
-  Configure(kConcatenation, task, common);
+  void* task = NewTask(kConcatenation, common, prepared);
   prepared.files->Creating();
   Check(AVFormat_Link_Output(task, written.c_str()), "creating the output " + Shown(options.output), written,
         Role::kOutput);

@@ -32,10 +32,7 @@ void PrepareConvert(const ConvertOptions& options, const CommonOptions& common, 
   const std::string written = prepared.files->Claim(options.output);
   if (output.write == nullptr) output.name = written;
 
-  prepared.task = std::make_unique<Task>(kConversion, AVFormat_Convert_Init(ProgressCounter::Record, prepared.counter.get()));
-  void* task = prepared.task->get();
-  Check(task != nullptr, "creating a conversion task");
-  Configure(kConversion, task, common);
+  void* task = NewTask(kConversion, common, prepared);
   prepared.files->Creating();
   // The library takes the output first: the input's streams become the output's.
   Check(AVFormat_Convert_Output(task, output.name.c_str(), cut.start, cut.end, output.write, nullptr),

@@ -171,11 +171,7 @@ void PrepareExtract(const ExtractOptions& options, const CommonOptions& common, 
   for (AVCODEC_FORMATINFO& record : records) pointers.push_back(&record);
   AVCODEC_FORMATINFO** array = pointers.data();
 
-  prepared.task =
-      std::make_unique<Task>(kDemultiplexing, AVFormat_UNPack_Init(ProgressCounter::Record, prepared.counter.get()));
-  void* task = prepared.task->get();
-  Check(task != nullptr, "creating a demultiplexing task");
-  Configure(kDemultiplexing, task, common);
+  void* task = NewTask(kDemultiplexing, common, prepared);
   Check(AVFormat_UNPack_Input(task, piped_in ? nullptr : options.input.c_str(),
                               piped_in ? ReadStandardInput : nullptr, nullptr),
         "opening the input " + Shown(options.input), options.input, Role::kInput);

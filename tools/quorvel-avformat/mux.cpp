@@ -83,11 +83,7 @@ void PrepareMux(const MuxOptions& options, const CommonOptions& common, Prepared
   const std::string written = prepared.files->Claim(options.output);
   if (output.write == nullptr) output.name = written;
 
-  prepared.task =
-      std::make_unique<Task>(kMultiplexing, AVFormat_Packet_Init(ProgressCounter::Record, prepared.counter.get()));
-  void* task = prepared.task->get();
-  Check(task != nullptr, "creating a multiplexing task");
-  Configure(kMultiplexing, task, common);
+  void* task = NewTask(kMultiplexing, common, prepared);
   prepared.files->Creating();
   Check(AVFormat_Packet_Output(task, output.name.c_str(), cut.start, cut.end, output.write, nullptr),
         "creating the output " + output.shown, written, Role::kOutput);

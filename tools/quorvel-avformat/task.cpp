@@ -16,19 +16,19 @@ extern "C" {
 
 namespace qtool {
 
-const Family kConversion{"conversion",           kConvertBit,
+const Family kConversion{"conversion",           kConvertBit, AVFormat_Convert_Init,
                          AVFormat_Convert_SetOption, AVFormat_Convert_GetStatus,
                          AVFormat_Convert_Suspend,   AVFormat_Convert_StopWithReport,
                          ERROR_AVFORMAT_CONVERT_OPEN, ERROR_AVFORMAT_CONVERT_POLICY};
-const Family kDemultiplexing{"demultiplexing",       kUnpackBit,
+const Family kDemultiplexing{"demultiplexing",       kUnpackBit, AVFormat_UNPack_Init,
                              AVFormat_UNPack_SetOption, AVFormat_UNPack_GetStatus,
                              AVFormat_UNPack_Suspend,   AVFormat_UNPack_StopWithReport,
                              ERROR_AVFORMAT_PACKET_OPEN, ERROR_AVFORMAT_PACKET_POLICY};
-const Family kMultiplexing{"multiplexing",         kMuxBit,
+const Family kMultiplexing{"multiplexing",         kMuxBit, AVFormat_Packet_Init,
                            AVFormat_Packet_SetOption, AVFormat_Packet_GetStatus,
                            AVFormat_Packet_Suspend,   AVFormat_Packet_StopWithReport,
                            ERROR_AVFORMAT_PACKET_OPEN, ERROR_AVFORMAT_PACKET_POLICY};
-const Family kConcatenation{"concatenation",      kLinkBit,
+const Family kConcatenation{"concatenation",      kLinkBit, AVFormat_Link_Init,
                             AVFormat_Link_SetOption, AVFormat_Link_GetStatus,
                             AVFormat_Link_Suspend,   AVFormat_Link_StopWithReport,
                             ERROR_AVFORMAT_LINK_OPEN, ERROR_AVFORMAT_LINK_POLICY};

@@ -18,6 +18,7 @@ enum : unsigned { kConvertBit = 1, kUnpackBit = 2, kMuxBit = 4, kLinkBit = 8, kE
 struct Family {
   const char* name;
   unsigned bit;
+  void* (*init)(AVFORMAT_PROGRESS_CALLBACK progress, void* context);
   bool (*set_option)(void* task, const char* name, const char* value);
   bool (*get_status)(void* task, bool* running);
   bool (*suspend)(void* task, bool pause);
