@@ -897,6 +897,15 @@ QUORVEL_AVFORMAT_API bool AVFormat_Link_StopWithReport(void* task, AVFORMAT_TASK
  *                                      inputs: no nested protocol; only
  *                                      self-contained demuxers; bounded probing
  *                                      and reads); "default"
+ *   open_timeout          all          a duration ("2.5", "1500ms", "00:01:00"):
+ *                                      each Input gives up once opening and
+ *                                      analysing its input takes longer, and fails
+ *                                      with the family's OPEN code (while opening)
+ *                                      or its stream-analysis code (convert and
+ *                                      link STREAMINFO, unpack and mux PARAMETER);
+ *                                      ends waits that FFmpeg would keep up for as
+ *                                      long as the input says (a live playlist
+ *                                      waiting for its next version); "0": none
  *   mode                  all          "practical" sets every practical option
  *                                      below that the family has to 1; "defined"
  *                                      sets them all to 0

@@ -143,5 +143,24 @@ TEST(Playlists, NamedOnesOpenTheirNeighboursBridgedOnesNothing) {
     }
 }
 
+// A live playlist (no end tag) whose one segment can't be opened: FFmpeg
+// waits the hour it names for the next version of the list. open_timeout
+// ends that wait in Input, which then fails as an open that failed; the same
+// playlist by name and through a read function.
+TEST(Playlists, OpenTimeoutEndsTheWaitForALiveOnesNextSegment) {
+  const std::string text = "#EXTM3U\n#EXT-X-TARGETDURATION:3600\n#EXTINF:3600,\nmissing.ts\n";
+  const std::string playlist = TempPath("live.m3u8");
+  WriteFile(playlist, Bytes(text));
+  for (Family family : kFamilies)
+    for (bool bridged : {false, true}) {
+      if (bridged && family == Family::kLink) continue;  // takes names only
+      MemoryReader reader(Bytes(text));
+      AnyTask task(family);
+      ASSERT_TRUE(task.Set("open_timeout", "0.2"));
+      EXPECT_FALSE(task.Reach(Stage::kSetUp, {bridged ? Source{"", &reader} : Source{playlist}}, {TempPath("live.mkv")}));
+      EXPECT_EQ(task.code, CodesOf(family).open) << Name(family) << (bridged ? ", bridged" : ", by name");
+    }
+}
+
 }  // namespace
 }  // namespace qtest

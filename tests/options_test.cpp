@@ -44,6 +44,8 @@ TEST(OptionsSet, EachRefusalHasTheFamilysCode) {
         {0, nullptr, "1", parameter}, {0, "mode", nullptr, parameter}, {0, "no_such_option", "1", codes + kUnknown},
         {0, "mode", "fast", codes + kValue}, {0, "dts_as_pts", "maybe", codes + kValue},
         {0, "input.format", "nope", codes + kValue}, {0, "mode", "practical", 0}, {0, "dts_as_pts", "off", 0},
+        {0, "open_timeout", "-1", codes + kValue}, {0, "open_timeout", "soon", codes + kValue},
+        {0, "open_timeout", "1:30.5", 0}, {1, "open_timeout", "2", codes + kLate},
         {1, "input.probesize", "50000", codes + kLate}, {2, "dts_as_pts", "1", codes + kLate}};
     // clang-format on
     int stage = 0;

@@ -31,8 +31,9 @@ struct AVPACKET_FILE_CONVERT {
   void* lpCallbackContext = nullptr;
   AVFORMAT_PROGRESS_CALLBACK fpProgress = nullptr;
 
-  // Set by Stop while a worker runs: aborts FFmpeg I/O that blocks (a network read).
-  std::atomic<bool> bAbort{false};
+  // The inputs' interrupt: set by Stop while a worker runs (it aborts FFmpeg I/O
+  // that blocks, a network read), and bounded during Input by open_timeout.
+  quorvel::Interrupt stInterrupt;
   bool bOutputReady = false;    // Output succeeded
   bool bInputReady = false;     // Input succeeded
   bool bStarted = false;        // Start has been called with success

@@ -5,6 +5,7 @@
 
 extern "C" {
 #include <libavutil/opt.h>
+#include <libavutil/time.h>
 }
 
 namespace quorvel {
@@ -16,18 +17,24 @@ namespace {
 struct CallerEndpoint {
   IOFunction function;
   void* context;
-  // Inputs: the task's abort flag (set by Stop), or null.
-  const std::atomic<bool>* abort = nullptr;
+  // Inputs: the task's interrupt state (Stop, open_timeout), or null.
+  const Interrupt* interrupt = nullptr;
 };
 
+bool Interrupted(const Interrupt& state) noexcept {
+  if (state.abort.load()) return true;
+  const int64_t deadline = state.deadline.load(std::memory_order_relaxed);
+  return deadline != 0 && av_gettime_relative() >= deadline;
+}
+
 // Holds FFmpeg to the read contract whatever the caller's function does: a
-// stopped task reads nothing more (the caller's function is not called, so
+// stopped task (or an open past its deadline) reads nothing more (the caller's function is not called, so
 // that Stop returns however it behaves); 0 bytes, the read(2) way of saying
 // end of file, is the end of input (FFmpeg 5.1 would retry forever); a count
 // above `size` is an error (FFmpeg would take bytes past its buffer).
 int ReadToCaller(void* opaque, uint8_t* buffer, int size) {
   auto* endpoint = static_cast<CallerEndpoint*>(opaque);
-  if (endpoint->abort != nullptr && endpoint->abort->load()) return AVERROR_EXIT;
+  if (endpoint->interrupt != nullptr && Interrupted(*endpoint->interrupt)) return AVERROR_EXIT;
   const int result = endpoint->function(endpoint->context, buffer, size);
   if (result == 0) return AVERROR_EOF;
   if (result > size) return AVERROR(EIO);
@@ -46,8 +53,8 @@ int WriteToCaller(void* opaque, AVIOWriteBuffer buffer, int size) {
   return written < size ? AVERROR(EIO) : size;
 }
 
-int AbortWhenSet(void* flag) {
-  return static_cast<const std::atomic<bool>*>(flag)->load() ? 1 : 0;
+int InterruptWhenSet(void* state) {
+  return Interrupted(*static_cast<const Interrupt*>(state)) ? 1 : 0;
 }
 
 BridgeBuffer AllocBridgeBuffer() noexcept {
@@ -92,7 +99,7 @@ OpenResult OpenBridgeInput(InputContext& input, BridgeBuffer& buffer, BridgeIO& 
   if (!input || !buffer) return OpenResult::kNoMemory;
   io = MakeBridgeIO(buffer, read, opaque, false);
   if (!io) return OpenResult::kNoMemory;
-  static_cast<CallerEndpoint*>(io->opaque)->abort = static_cast<const std::atomic<bool>*>(interrupt.opaque);
+  static_cast<CallerEndpoint*>(io->opaque)->interrupt = static_cast<const Interrupt*>(interrupt.opaque);
   input->pb = io.get();
   // Marked as caller I/O before opening, so that closing the context never closes the bridge.
   input->flags |= AVFMT_FLAG_CUSTOM_IO;
@@ -112,8 +119,17 @@ void BridgeIOFree::operator()(AVIOContext* io) const noexcept {
   avio_context_free(&io);
 }
 
-AVIOInterruptCB InterruptOn(const std::atomic<bool>& flag) noexcept {
-  return AVIOInterruptCB{AbortWhenSet, const_cast<std::atomic<bool>*>(&flag)};
+AVIOInterruptCB InterruptOn(Interrupt& state) noexcept {
+  return AVIOInterruptCB{InterruptWhenSet, &state};
+}
+
+OpenDeadline::OpenDeadline(Interrupt& state, int64_t microseconds) noexcept : state_(state) {
+  if (microseconds > 0) state_.deadline = av_gettime_relative() + microseconds;
+}
+
+bool OpenDeadline::Expired() const noexcept {
+  const int64_t deadline = state_.deadline.load(std::memory_order_relaxed);
+  return deadline != 0 && av_gettime_relative() >= deadline;
 }
 
 bool FailOpen(OpenResult result, const OpenCodes& codes) noexcept {

@@ -42,9 +42,35 @@ enum class OpenResult {
   kRefused,       // the strict input policy refused the input
 };
 
-// Interrupt callback for FFmpeg's blocking I/O: aborts once `flag` is set, so
-// that a Stop ends a read or write that waits on the network.
-AVIOInterruptCB InterruptOn(const std::atomic<bool>& flag) noexcept;
+// What a task's inputs consult before and during FFmpeg's blocking I/O.
+// `abort` is set by Stop while a worker runs, so that a Stop ends a read that
+// waits on the network or on a playlist's next segment. `deadline` bounds
+// the open in progress (the open_timeout option): a time on
+// av_gettime_relative's clock in microseconds, 0 for none.
+struct Interrupt {
+  std::atomic<bool> abort{false};
+  std::atomic<int64_t> deadline{0};
+};
+
+// Interrupt callback for an input's FFmpeg I/O: fires once `state` is aborted
+// or its deadline has passed.
+AVIOInterruptCB InterruptOn(Interrupt& state) noexcept;
+
+// Bounds one Input's open and stream analysis to `microseconds` (none for 0):
+// while it lives, the interrupt fires once the time is up, which ends
+// whatever FFmpeg waits on (a live playlist's reload, a source that stalls).
+class OpenDeadline {
+ public:
+  OpenDeadline(Interrupt& state, int64_t microseconds) noexcept;
+  OpenDeadline(const OpenDeadline&) = delete;
+  OpenDeadline& operator=(const OpenDeadline&) = delete;
+  ~OpenDeadline() { state_.deadline = 0; }
+  // True once the time is up: whatever the open gave, Input then fails.
+  bool Expired() const noexcept;
+
+ private:
+  Interrupt& state_;
+};
 
 // The error code a family reports for each way an open can fail.
 struct OpenCodes {
@@ -72,7 +98,7 @@ enum class UrlBesideRead {
 // Opens `url`, or the bridge over `read` (called with `opaque`), or, as
 // `rule` says, both in turn into `input`, releasing what it held. The bridge
 // takes a buffer in `buffer` that `io` then owns. At least one of `url` and
-// `read` must be given. `interrupt` comes from InterruptOn: its flag also
+// `read` must be given. `interrupt` comes from InterruptOn: its state also
 // stops the bridge's reads. An input opened by name keeps FFmpeg's defaults
 // for what it opens itself; a bridged one may open only kBridgeNestedProtocols.
 // `options`, when given, adds the task's input options and strict policy.

@@ -7,6 +7,7 @@
 
 extern "C" {
 #include <libavutil/opt.h>
+#include <libavutil/parseutils.h>
 }
 
 namespace quorvel {
@@ -67,6 +68,14 @@ bool ParseFlag(const char* value, bool& flag) noexcept {
   return false;
 }
 
+// A duration in FFmpeg's syntax ("2.5", "1500ms", "00:01:30"), not negative.
+bool ParseDuration(const char* value, int64_t& microseconds) noexcept {
+  int64_t parsed = 0;
+  if (av_parse_time(&parsed, value, 1) < 0 || parsed < 0) return false;
+  microseconds = parsed;
+  return true;
+}
+
 const Practical* FindPractical(unsigned family, const char* name) noexcept {
   for (const Practical& practical : kPractical)
     if ((practical.families & family) != 0 && std::strcmp(practical.name, name) == 0) return &practical;
@@ -97,7 +106,8 @@ bool FailOption(uint64_t code) noexcept {
 
 OptionLookup FindOption(unsigned family, const char* name, OptionTime& time) noexcept {
   // The preset sets options that act at Input too: it must come before it.
-  if (StartsWith(name, "input.") || std::strcmp(name, "policy") == 0 || std::strcmp(name, "mode") == 0) {
+  if (StartsWith(name, "input.") || std::strcmp(name, "policy") == 0 || std::strcmp(name, "mode") == 0 ||
+      std::strcmp(name, "open_timeout") == 0) {
     time = OptionTime::kInputOpen;
   } else if (StartsWith(name, "output.")) {
     time = OptionTime::kHeaderWrite;
@@ -136,6 +146,7 @@ bool ApplyOption(TaskOptions& options, unsigned family, const char* name, const 
       if ((entry.families & family) != 0) options.*entry.flag = practical;
     return true;
   }
+  if (std::strcmp(name, "open_timeout") == 0) return ParseDuration(value, options.open_timeout);
   if (std::strcmp(name, "streams") == 0) {
     if (*value == '\0') return false;
     options.streams = value;

@@ -46,6 +46,7 @@ struct TaskOptions {
   AVDictionary* output = nullptr;               // output.NAME: for the header write
   const AVInputFormat* input_format = nullptr;  // input.format
   bool strict = false;                          // policy=strict
+  int64_t open_timeout = 0;                     // microseconds for each Input's open, 0 for no limit
 
   // The practical behaviours, one flag each (see the header's option table).
   bool keyframe_start = false;

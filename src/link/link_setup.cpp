@@ -79,11 +79,12 @@ bool CAVFormat_Link::AVFormat_Link_Input(void* lpTask, const char* szFile, doubl
   // Whatever this call opened is released when it fails.
   AVPACKET_LINKINFO element;
   // Files and URLs only: this family takes no read function.
+  const quorvel::OpenDeadline deadline(task->stInterrupt, task->stOptions.open_timeout);
   const OpenResult opened =
-      quorvel::OpenUrlInput(element.pInputContext, szFile, quorvel::InterruptOn(task->bAbort), &task->stOptions);
+      quorvel::OpenUrlInput(element.pInputContext, szFile, quorvel::InterruptOn(task->stInterrupt), &task->stOptions);
   if (!quorvel::FailOpen(opened, kOpenCodes)) return false;
   AVFormatContext* input = element.pInputContext.get();
-  if (avformat_find_stream_info(input, nullptr) < 0) return Fail(ERROR_AVFORMAT_LINK_STREAMINFO);
+  if (avformat_find_stream_info(input, nullptr) < 0 || deadline.Expired()) return Fail(ERROR_AVFORMAT_LINK_STREAMINFO);
 
   // The caller's index is taken on meeting the first stream of the kind,
   // whichever stream it names; -1 lets later streams of the kind through

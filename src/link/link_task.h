@@ -8,6 +8,7 @@
 
 #include "Quorvel_AVFormat.h"
 #include "core/ffmpeg.h"
+#include "core/io.h"
 #include "core/options.h"
 #include "core/report.h"
 
@@ -32,8 +33,9 @@ struct AVPACKET_FILELINK {
   void* lpCallbackContext = nullptr;
   AVFORMAT_PROGRESS_CALLBACK fpProgress = nullptr;
 
-  // Set by Stop while the worker runs: aborts an input read that blocks (a network source).
-  std::atomic<bool> bAbort{false};
+  // The inputs' interrupt: set by Stop while a worker runs (it aborts FFmpeg I/O
+  // that blocks, a network read), and bounded during Input by open_timeout.
+  quorvel::Interrupt stInterrupt;
   bool bOutputReady = false;    // Output succeeded
   bool bStarted = false;        // Start has been called; the header was tried
   bool bHeaderWritten = false;  // the trailer may only follow a written header

@@ -318,7 +318,7 @@ int CAVFormat_Link::AVFormat_Link_Thread(void* lpTask) {
     timelines.video.EndInput();
   }
   task->bRunning = false;
-  quorvel::FinishOnExit(task->pThread, task->bAbort, Release, task);
+  quorvel::FinishOnExit(task->pThread, task->stInterrupt.abort, Release, task);
   return 0;
 }
 
@@ -342,6 +342,6 @@ bool CAVFormat_Link::AVFormat_Link_Stop(void* lpTask) noexcept {
   // by one read each; a blocking read is aborted. A paused worker is not woken:
   // the join waits until the caller resumes it. Called on the worker's own
   // thread, Stop returns at once and the worker releases the task as it ends.
-  if (quorvel::StopWorker(task->pThread, task->bRunning, task->bAbort)) Release(task);
+  if (quorvel::StopWorker(task->pThread, task->bRunning, task->stInterrupt.abort)) Release(task);
   return true;
 }

@@ -97,14 +97,15 @@ bool CAVFormat_Packet::AVFormat_Packet_Input(void* lpTask, const char* szUrl, AV
   // Built here and appended only on success; on failure its holders release
   // whatever was opened.
   AVPACKET_FILE_AVINFO element;
+  const quorvel::OpenDeadline deadline(task->stInterrupt, task->stOptions.open_timeout);
   const OpenResult opened =
       quorvel::OpenInput(element.pInputContext, element.pInputBuffer, element.pInputIO, szUrl, fpRead, lpReadContext,
-                         quorvel::UrlBesideRead::kOpenedFirst, quorvel::InterruptOn(task->bAbort), &task->stOptions);
+                         quorvel::UrlBesideRead::kOpenedFirst, quorvel::InterruptOn(task->stInterrupt), &task->stOptions);
   if (!quorvel::FailOpen(opened, kOpenCodes)) return false;
 
   AVFormatContext* input = element.pInputContext.get();
   // This family has no code of its own for it.
-  if (avformat_find_stream_info(input, nullptr) < 0) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
+  if (avformat_find_stream_info(input, nullptr) < 0 || deadline.Expired()) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
   if (!chosen.empty() || task->stOptions.all_streams) {
     if (!RouteEachStream(task->pOutputContext.get(), element, chosen, task->stOptions.keep_codec_tag)) return false;
     task->pInputList.push_back(std::move(element));

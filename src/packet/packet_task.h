@@ -54,8 +54,9 @@ struct AVPACKET_FILE_PACKET {
   void* lpCallbackContext = nullptr;
   AVFORMAT_PROGRESS_CALLBACK fpProgress = nullptr;
 
-  // Set by Stop while a worker runs: aborts FFmpeg I/O that blocks (a network read).
-  std::atomic<bool> bAbort{false};
+  // The inputs' interrupt: set by Stop while a worker runs (it aborts FFmpeg I/O
+  // that blocks, a network read), and bounded during Input by open_timeout.
+  quorvel::Interrupt stInterrupt;
   bool bOutputReady = false;  // Output succeeded
   bool bStarted = false;      // Start has tried the header
   bool bHeaderOk = false;     // a header was written: packets and the trailer may follow

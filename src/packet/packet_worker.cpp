@@ -41,7 +41,7 @@ const AVStream* SourceOf(const AVPACKET_FILE_AVINFO& input, const AVPacket* pack
 bool ReadRouted(AVPACKET_FILE_PACKET* task, AVPACKET_FILE_AVINFO& input, AVPacket* packet) {
   const AVFormatContext* output = task->pOutputContext.get();
   for (;;) {
-    if (task->bAbort) return false;
+    if (task->stInterrupt.abort) return false;
     if (av_read_frame(input.pInputContext.get(), packet) < 0) return false;
     task->stTally.CountRead();
     if (RouteOf(input, packet, output) >= 0) break;
@@ -100,7 +100,7 @@ bool WriteCarried(AVPACKET_FILE_PACKET* task, AVPACKET_FILE_AVINFO& input, AVPac
 // the others go on. Returns whether the run goes on.
 bool InputEnded(AVPACKET_FILE_PACKET* task, AVPACKET_FILE_AVINFO& input) {
   input.bEnded = true;
-  return task->stOptions.until_all_inputs_end && !task->bAbort;
+  return task->stOptions.until_all_inputs_end && !task->stInterrupt.abort;
 }
 
 // One pass: at most one packet from every input still running, in the order
@@ -213,7 +213,7 @@ int CAVFormat_Packet::AVFormat_Packet_Thread(void* lpTask) {
     finished = !(task->stOptions.interleave_by_time ? CarryEarliest(task) : CarryInTurn(task, packet));
   }
   task->bRunning = false;
-  quorvel::FinishOnExit(task->pThread, task->bAbort, Release, task);
+  quorvel::FinishOnExit(task->pThread, task->stInterrupt.abort, Release, task);
   return 0;
 }
 
@@ -234,6 +234,6 @@ bool CAVFormat_Packet::AVFormat_Packet_Stop(void* lpTask) noexcept {
   // The worker is stopped first, also out of a blocking read or write, so that
   // nothing released runs under its feet (a task that never started has none);
   // called on the worker's own thread, the worker releases the task as it ends.
-  if (quorvel::StopWorker(task->pThread, task->bRunning, task->bAbort)) Release(task);
+  if (quorvel::StopWorker(task->pThread, task->bRunning, task->stInterrupt.abort)) Release(task);
   return true;
 }

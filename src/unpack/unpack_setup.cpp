@@ -66,13 +66,15 @@ bool CAVFormat_UNPack::AVFormat_UNPack_Input(void* lpTask, const char* szUrl, AV
     return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
 
   task->bInputReady = false;
+  const quorvel::OpenDeadline deadline(task->stInterrupt, task->stOptions.open_timeout);
   const OpenResult opened =
       quorvel::OpenInput(task->pFormatContext, task->pIOBuffer, task->pIOContext, szUrl, fpRead, lpReadContext,
-                         quorvel::UrlBesideRead::kIgnored, quorvel::InterruptOn(task->bAbort), &task->stOptions);
+                         quorvel::UrlBesideRead::kIgnored, quorvel::InterruptOn(task->stInterrupt), &task->stOptions);
   if (!quorvel::FailOpen(opened, kOpenCodes)) return false;
 
   // The family has no code of its own for streams that cannot be analysed.
-  if (avformat_find_stream_info(task->pFormatContext.get(), nullptr) < 0) return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
+  if (avformat_find_stream_info(task->pFormatContext.get(), nullptr) < 0 || deadline.Expired())
+    return Fail(ERROR_AVFORMAT_PACKET_PARAMETER);
   task->bInputReady = true;
   return true;
 }

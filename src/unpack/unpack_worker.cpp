@@ -131,7 +131,7 @@ int CAVFormat_UNPack::AVFormat_UNPack_Thread(void* lpTask) {
     if ((options.end_exclusive || options.outputs_independent) && cut.AllClosed()) break;
   }
   task->bRunning = false;
-  quorvel::FinishOnExit(task->pThread, task->bAbort, Release, task);
+  quorvel::FinishOnExit(task->pThread, task->stInterrupt.abort, Release, task);
   return 0;
 }
 
@@ -167,6 +167,6 @@ bool CAVFormat_UNPack::AVFormat_UNPack_Stop(void* lpTask) noexcept {
 
   // The worker is stopped first, so that nothing released runs under its feet;
   // called on the worker's own thread, the worker releases the task as it ends.
-  if (quorvel::StopWorker(task->pThread, task->bRunning, task->bAbort)) Release(task);
+  if (quorvel::StopWorker(task->pThread, task->bRunning, task->stInterrupt.abort)) Release(task);
   return true;
 }

@@ -38,10 +38,18 @@ inline int Discard(void*, unsigned char*, int size) {
 }
 inline void IgnoreProgress(void*, int, long long, double, void*) {}
 
-// A worker that never ends is a hang, which the fuzzer's own timeout reports.
+// A live playlist makes FFmpeg wait as long as the playlist says for its next
+// version: Input gives up after this long (each target sets it on its task),
+// and a worker still running after kWorkerTime is stopped. A Stop that does
+// not end the worker is a hang, which the fuzzer's own timeout reports.
+constexpr const char* kOpenTimeout = "2";
+constexpr std::chrono::seconds kWorkerTime{3};
+
 inline void WaitForEnd(bool (*status)(void*, bool*), void* task) {
+  const auto until = std::chrono::steady_clock::now() + kWorkerTime;
   bool running = true;
-  while (status(task, &running) && running) std::this_thread::sleep_for(std::chrono::microseconds(100));
+  while (status(task, &running) && running && std::chrono::steady_clock::now() < until)
+    std::this_thread::sleep_for(std::chrono::microseconds(100));
 }
 
 }  // namespace qfuzz
@@ -54,7 +62,8 @@ inline void WaitForEnd(bool (*status)(void*, bool*), void* task) {
   extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {                                            \
     qfuzz::ByteSource source{data, size};                                                                              \
     void* task = AVFormat_##Family##_Init(qfuzz::IgnoreProgress, nullptr);                                             \
-    if (task != nullptr && AVFormat_##Family##_Output(task, format, 0.0, 0.0, qfuzz::Discard, nullptr) &&              \
+    if (task != nullptr && AVFormat_##Family##_SetOption(task, "open_timeout", qfuzz::kOpenTimeout) &&                \
+        AVFormat_##Family##_Output(task, format, 0.0, 0.0, qfuzz::Discard, nullptr) &&                                \
         AVFormat_##Family##_Input(task, nullptr, qfuzz::ByteSource::Read, &source) && AVFormat_##Family##_Start(task)) \
       qfuzz::WaitForEnd(AVFormat_##Family##_GetStatus, task);                                                          \
     AVFormat_##Family##_Stop(task);                                                                                    \

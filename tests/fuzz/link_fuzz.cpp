@@ -26,7 +26,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
              .write(reinterpret_cast<const char*>(parts[i][0]), parts[i][1] - parts[i][0]))
       return 0;
   void* task = AVFormat_Link_Init(qfuzz::IgnoreProgress, nullptr);
-  const bool ready = task != nullptr && AVFormat_Link_Output(task, output.c_str()) &&
+  const bool ready = task != nullptr && AVFormat_Link_SetOption(task, "open_timeout", qfuzz::kOpenTimeout) &&
+                     AVFormat_Link_Output(task, output.c_str()) &&
                      AVFormat_Link_Input(task, inputs[0].c_str(), 0.0, 0.0, 0, 1) &&
                      AVFormat_Link_Input(task, inputs[1].c_str(), 0.0, 0.0, 0, 1);
   if (ready && AVFormat_Link_Start(task)) qfuzz::WaitForEnd(AVFormat_Link_GetStatus, task);

@@ -11,7 +11,8 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   qfuzz::ByteSource source{data, size};
   void* task = AVFormat_UNPack_Init(nullptr, nullptr);
-  if (task != nullptr && AVFormat_UNPack_Input(task, nullptr, qfuzz::ByteSource::Read, &source)) {
+  if (task != nullptr && AVFormat_UNPack_SetOption(task, "open_timeout", qfuzz::kOpenTimeout) &&
+      AVFormat_UNPack_Input(task, nullptr, qfuzz::ByteSource::Read, &source)) {
     void* parameters = nullptr;
     AVCODEC_TIMEBASE time_base;
     for (int stream = 0; AVFormat_UNPack_GetAVCodec(task, stream, &parameters, &time_base); ++stream)

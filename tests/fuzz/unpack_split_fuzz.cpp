@@ -7,7 +7,8 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   qfuzz::ByteSource source{data, size};
   void* task = AVFormat_UNPack_Init(qfuzz::IgnoreProgress, nullptr);
-  if (task != nullptr && AVFormat_UNPack_Input(task, nullptr, qfuzz::ByteSource::Read, &source)) {
+  if (task != nullptr && AVFormat_UNPack_SetOption(task, "open_timeout", qfuzz::kOpenTimeout) &&
+      AVFormat_UNPack_Input(task, nullptr, qfuzz::ByteSource::Read, &source)) {
     // As many outputs as the input has streams, up to four: Output refuses more.
     AVCODEC_FORMATINFO records[4] = {};
     AVCODEC_FORMATINFO* pointers[4];
