@@ -18,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       std::string(scratch != nullptr ? scratch : "/tmp") + "/quorvel-link-fuzz-" + std::to_string(getpid());
   static const std::string inputs[2] = {base + ".1", base + ".2"}, output = base + ".mkv";
   const size_t first = size < 4 ? SIZE_MAX : data[0] | data[1] << 8 | data[2] << 16 | size_t{data[3]} << 24;
-  const bool split = first <= size - 4;
+  const bool split = size >= 4 && first <= size - 4;
   const uint8_t* parts[2][2] = {{data, data + size}, {data, data + size}};
   if (split) parts[0][0] = data + 4, parts[0][1] = parts[1][0] = data + 4 + first;
   for (int i = 0; i < 2; ++i)
