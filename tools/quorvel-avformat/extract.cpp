@@ -113,10 +113,7 @@ std::vector<AVCODEC_FORMATINFO> MakeRecords(const std::vector<SplitTarget>& targ
   for (const SplitTarget& target : targets) {
     AVCODEC_FORMATINFO& record = records[target.stream];
     const OutputTarget output = ResolveOutput(target.output, target.output == "-" ? format : "");
-    if (output.name.size() >= sizeof record.szName)
-      throw UsageError(
-          fmt::format("the output name \"{}\" is longer than {} bytes", output.name, sizeof record.szName - 1));
-    std::strcpy(record.szName, output.name.c_str());
+    std::strcpy(record.szName, output.name.c_str());  // its length is checked by CheckTargets
     record.pWriteFunc = output.write;
     record.nStreamIndex = target.stream;
     record.dlStartTime = target.start;
@@ -125,13 +122,20 @@ std::vector<AVCODEC_FORMATINFO> MakeRecords(const std::vector<SplitTarget>& targ
   return records;
 }
 
-void CheckTargets(const std::vector<SplitTarget>& targets, const ExtractOptions& options) {
+// Before any output is looked at (an existing one may ask a question): the
+// name that will be written, the temporary one in a batch, must fit the record.
+void CheckTargets(const std::vector<SplitTarget>& targets, const ExtractOptions& options, const CommonOptions& common) {
+  constexpr size_t kLongest = sizeof(AVCODEC_FORMATINFO::szName) - 1;
   std::set<int> streams;
   int piped = 0;
   for (const SplitTarget& target : targets) {
     if (!streams.insert(target.stream).second)
       throw UsageError(fmt::format("stream {} is asked for twice", target.stream));
     piped += target.output == "-";
+    const std::string written =
+        target.output != "-" && common.temporary_names ? TemporaryName(target.output) : target.output;
+    if (written.size() > kLongest)
+      throw UsageError(fmt::format("the output name \"{}\" is longer than {} bytes", written, kLongest));
   }
   if (piped > 1) throw UsageError("only one output can go to standard output");
   if (piped == 0 && !options.format.empty())
@@ -155,7 +159,7 @@ void PrepareExtract(const ExtractOptions& options, const CommonOptions& common, 
     targets.push_back(ParseSplitTarget(text));
     Resolve(targets.back(), file.get(), options.input);
   }
-  CheckTargets(targets, options);
+  CheckTargets(targets, options, common);
 
   RunSettings& settings = prepared.settings;
   settings = {ResolveProgress(common), std::nullopt, !piped_in && !common.no_keys};
