@@ -32,7 +32,14 @@
  * Threads: any number of tasks of any family may exist and run at once. The
  * progress callback and the caller's read and write functions run on whichever
  * thread drives FFmpeg at that moment: the worker while a task runs, the
- * caller's thread during set-up, Start and Stop.
+ * caller's thread during set-up, Start and Stop. Calls on one task must not
+ * overlap, except those that control a running worker (GetStatus, Suspend,
+ * GetReport, Seek and Stop), which may come from any thread while it runs,
+ * and those allowed inside callbacks below. In particular Stop must not be
+ * called while another thread is inside that task's Input, Output, Start or
+ * Read: an Input that may wait too long is bounded with the open_timeout
+ * option instead (see the task options). Stop ends any wait of a running
+ * worker.
  *
  * From inside a callback that a task's worker runs (its progress callback, or
  * its caller read or write function while the task runs), a caller may call
