@@ -454,6 +454,7 @@ table=$results/table.md
       if ($2 == "ffmpeg") { ff[$1] = $3; ffpeak[$1] = $4 }
       if ($2 ~ /-seq$/) seq[substr($2, 1, length($2) - 4)] = $3
       if ($2 ~ /-par$/) par[substr($2, 1, length($2) - 4)] = $3
+      if ($1 == "scale") scales++
       if ($1 == "batch") { batches++; if ($2 == "batch") batch = $3 }
     }
     END {
@@ -490,16 +491,19 @@ table=$results/table.md
           ratio(med[i], bare[job[i]]), ratio(med[i], ff[job[i]]), mib(peak[i]), ratio(peak[i], ffpeak[job[i]]),
           size, verdict
       }
-      print ""
-      print "| two conversions in one process | one after the other s | at once s | at once / one after the other | target (<= 0.60) |"
-      print "|---|---:|---:|---:|---|"
-      split("lib bare", who, " ")
-      for (w = 1; w <= 2; w++) {
-        r = ratio(par[who[w]], seq[who[w]])
-        target = who[w] == "lib" ? (r == "-" ? "-" : !judge ? "(not judged: smoke)" : r + 0 <= 0.60 ? "met" : "MISSED") : "reference"
-        printf "| %s | %s | %s | %s | %s |\n", who[w] == "lib" ? "library" : "bare loop",
-          seq[who[w]] == "-" ? "-" : sprintf("%.3f", seq[who[w]]), par[who[w]] == "-" ? "-" : sprintf("%.3f", par[who[w]]),
-          r, target
+      # Each table only for the jobs that ran (--only may leave them out).
+      if (scales) {
+        print ""
+        print "| two conversions in one process | one after the other s | at once s | at once / one after the other | target (<= 0.60) |"
+        print "|---|---:|---:|---:|---|"
+        split("lib bare", who, " ")
+        for (w = 1; w <= 2; w++) {
+          r = ratio(par[who[w]], seq[who[w]])
+          target = who[w] == "lib" ? (r == "-" ? "-" : !judge ? "(not judged: smoke)" : r + 0 <= 0.60 ? "met" : "MISSED") : "reference"
+          printf "| %s | %s | %s | %s | %s |\n", who[w] == "lib" ? "library" : "bare loop",
+            seq[who[w]] == "-" ? "-" : sprintf("%.3f", seq[who[w]]), par[who[w]] == "-" ? "-" : sprintf("%.3f", par[who[w]]),
+            r, target
+        }
       }
       if (!batches) exit
       print ""
