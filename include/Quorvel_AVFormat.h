@@ -34,12 +34,15 @@
  * thread drives FFmpeg at that moment: the worker while a task runs, the
  * caller's thread during set-up, Start and Stop. Calls on one task must not
  * overlap, except those that control a running worker (GetStatus, Suspend,
- * GetReport, Seek and Stop), which may come from any thread while it runs,
- * and those allowed inside callbacks below. In particular Stop must not be
- * called while another thread is inside that task's Input, Output, Start or
- * Read: an Input that may wait too long is bounded with the open_timeout
- * option instead (see the task options). Stop ends any wait of a running
- * worker.
+ * GetReport, Seek), which may come from any thread while it runs, those
+ * allowed inside callbacks below, and Stop, which may come from any thread at
+ * any moment. Stop ends what the worker and a call in progress on another
+ * thread (Output, Input, Start, Read, Seek, GetAVCodec, StreamCreate,
+ * StreamWrite) wait on in an input, lets a write to an output finish, and
+ * returns once that call has returned (which then fails as stopped, or
+ * returns what it had). Once Stop has begun, no further call may start on
+ * the handle. A bound on Input without a second thread is the open_timeout
+ * option (see the task options).
  *
  * From inside a callback that a task's worker runs (its progress callback, or
  * its caller read or write function while the task runs), a caller may call
@@ -53,13 +56,15 @@
  *  - from the progress callback only (not from a read function, which runs
  *    while the worker holds the input), AVFormat_Convert_Seek(),
  *    AVFormat_UNPack_Seek() and AVFormat_UNPack_GetAVCodec().
- * It must not call that task's *_Init(), *_Output(), *_Input(), *_Start(), the
- * caller-fed multiplexing and demultiplexing calls (StreamCreate, StreamWrite,
- * Read), nor Stop from a read or write function running on the caller's own
- * thread (during set-up, Start or Stop). Calls on other tasks are allowed as
- * from any thread, but Stop of another task waits for that task's worker: two
- * workers must never stop each other, and a paused concatenation task's Stop
- * waits until it is resumed.
+ * It must not call that task's *_Init(), *_Output(), *_Input(), *_Start(), or
+ * the caller-fed multiplexing and demultiplexing calls (StreamCreate,
+ * StreamWrite, Read). A Stop from a read or write function running on the
+ * caller's own thread (inside Input, Output, Start, Read, ...) releases
+ * nothing and fails with the family's parameter code; the call it is in then
+ * ends as a stopped one, and Stop is called again once that call returned.
+ * Calls on other tasks are allowed as from any thread, but Stop of another
+ * task waits for that task's worker: two workers must never stop each other,
+ * and a paused concatenation task's Stop waits until it is resumed.
  *
  * Inputs named by the caller (a file name or URL) are opened with FFmpeg's
  * defaults, and so is what their content opens in turn (a playlist's
@@ -392,7 +397,9 @@ QUORVEL_AVFORMAT_API bool AVFormat_Convert_GetStatus(void* task, bool* running);
 /**
  * Ends the task: stops and joins the worker, closes the input, writes the
  * trailer (on an output whose header was written), releases everything and
- * frees the task. Always returns true; NULL is accepted.
+ * frees the task. Returns true (NULL is accepted), except from a read or
+ * write function inside a call on this task (see Threads at the top):
+ * ERROR_AVFORMAT_CONVERT_PARAMETER, nothing released.
  */
 QUORVEL_AVFORMAT_API bool AVFormat_Convert_Stop(void* task);
 
@@ -518,7 +525,9 @@ QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Seek(void* task, int stream_index, uns
  * Ends the task at any stage: stops and joins the worker (also a paused one),
  * closes the input, writes each output's trailer, releases everything and
  * frees the task. A caller write function has received all of its output's
- * bytes when Stop returns. Always true; NULL is accepted.
+ * bytes when Stop returns. Returns true (NULL is accepted), except from a
+ * read or write function inside a call on this task (see Threads at the
+ * top): ERROR_AVFORMAT_PACKET_PARAMETER, nothing released.
  */
 QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Stop(void* task);
 
@@ -622,7 +631,9 @@ QUORVEL_AVFORMAT_API bool AVFormat_Packet_Suspend(void* task, bool pause);
 /**
  * Ends the task at any stage, started or fed by the caller: stops and joins the
  * worker, writes the trailer (on an output whose header was written), releases
- * the inputs and the output and frees the task. Always true; NULL is accepted.
+ * the inputs and the output and frees the task. Returns true (NULL is
+ * accepted), except from a read or write function inside a call on this task
+ * (see Threads at the top): ERROR_AVFORMAT_PACKET_PARAMETER, nothing released.
  */
 QUORVEL_AVFORMAT_API bool AVFormat_Packet_Stop(void* task);
 
@@ -736,8 +747,9 @@ QUORVEL_AVFORMAT_API bool AVFormat_Link_Suspend(void* task, bool pause);
 
 /**
  * Ends the task: stops and joins the worker, writes the trailer (if the header
- * was written), releases everything. Always true. A paused task must be
- * resumed: Stop waits until another thread calls AVFormat_Link_Suspend(task, false).
+ * was written), releases everything. Returns true (NULL is accepted). A
+ * paused task must be resumed: Stop waits until another thread calls
+ * AVFormat_Link_Suspend(task, false).
  */
 QUORVEL_AVFORMAT_API bool AVFormat_Link_Stop(void* task);
 

@@ -102,6 +102,47 @@ TEST(SilentNetwork, StopEndsAReadThatBlocks) {
   }
 }
 
+// Stop from another thread while the caller's own thread waits in FFmpeg: in
+// Input, on a source that sends nothing, in every family; in the pull Read,
+// on a source gone silent halfway. The call ends as a stopped one, and Stop
+// returns once it has, never releasing what the call still uses. (A call that
+// returns a packet after the abort is not followed by another: `stopping`.)
+TEST(StopFromAnotherThread, EndsACallWaitingOnTheCallersThread) {
+  std::vector<uint8_t> half = ReadFile(VideoOnlyClip("ts"));
+  half.resize(half.size() / 2);
+  for (const auto& [family, pull] : {std::pair{Family::kConvert, false}, {Family::kUnpack, false},
+                                     {Family::kPacket, false}, {Family::kLink, false}, {Family::kUnpack, true}}) {
+    SCOPED_TRACE(std::string(Name(family)) + (pull ? ", Read" : ", Input"));
+    SilentServer server(pull ? half : std::vector<uint8_t>());
+    AnyTask task(family);
+    ASSERT_TRUE(task.Set("input.analyzeduration", "100000"));  // Input returns on what was sent
+    ASSERT_TRUE(family == Family::kUnpack || task.Output({TempPath("waiting.mkv")}));
+    void* const handle = task.handle();
+    std::atomic<int> packets{0};
+    std::atomic<bool> stopping{false};
+    std::thread caller([&, url = server.Url()] {
+      const char* name = url.c_str();
+      const bool opened = family == Family::kConvert ? AVFormat_Convert_Input(handle, name, nullptr, nullptr)
+                          : family == Family::kUnpack ? AVFormat_UNPack_Input(handle, name, nullptr, nullptr)
+                          : family == Family::kPacket ? AVFormat_Packet_Input(handle, name, nullptr, nullptr)
+                                                      : AVFormat_Link_Input(handle, name, 0, 0, 0, 1);
+      int stream = 0, size = 0, flags = 0;
+      std::vector<unsigned char> data(1 << 20);
+      while (opened && !stopping && AVFormat_UNPack_ReadSized(handle, &stream, data.data(), static_cast<int>(data.size()),
+                                                              &size, &flags, nullptr, nullptr))
+        ++packets;
+    });
+    int seen = -1;  // until the caller's thread has taken what was sent and waits for more
+    EXPECT_TRUE(WaitUntil([&] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(200));
+      return std::exchange(seen, packets.load()) == packets && (!pull || seen > 0);
+    }));
+    stopping = true;
+    EXPECT_TRUE(task.Stop());
+    caller.join();
+  }
+}
+
 // Stop at the third progress call; the worker ends the task itself, and an
 // MP4 file, which has no index until its trailer, shows that it did.
 TEST(StopInsideProgressCallback, ReturnsAtOnceAndTheWorkerWritesTheTrailer) {

@@ -27,6 +27,16 @@ Result Guarded(uint64_t malloc_code, Result failed, Method&& method) noexcept {
   }
 }
 
+// A call that reaches FFmpeg on the caller's thread holds the task's call
+// gate for its length, so that a Stop from another thread waits for it
+// instead of releasing what it uses (see quorvel::CallGate).
+template <typename Task, typename Method>
+bool Gated(uint64_t malloc_code, void* task, Method&& method) noexcept {
+  if (task == nullptr) return Guarded(malloc_code, false, method);
+  const quorvel::CallGate::Held call(static_cast<Task*>(task)->stCalls);
+  return Guarded(malloc_code, false, method);
+}
+
 constexpr uint64_t kConvert = ERROR_AVFORMAT_CONVERT_MALLOC;
 constexpr uint64_t kPacket = ERROR_AVFORMAT_PACKET_MALLOC;
 constexpr uint64_t kLink = ERROR_AVFORMAT_LINK_MALLOC;
@@ -43,14 +53,14 @@ QUORVEL_AVFORMAT_API void* AVFormat_Convert_Init(AVFORMAT_PROGRESS_CALLBACK prog
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Convert_Output(void* task, const char* url, double start, double end,
                                                   AVFORMAT_IO_FUNCTION write, void* opaque) {
-  return Guarded(kConvert, false,
+  return Gated<AVPACKET_FILE_CONVERT>(kConvert, task,
                  [&] { return m_FileConvert.AVFormat_Convert_Output(task, url, start, end, write, opaque); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Convert_Input(void* task, const char* url, AVFORMAT_IO_FUNCTION read, void* opaque) {
-  return Guarded(kConvert, false, [&] { return m_FileConvert.AVFormat_Convert_Input(task, url, read, opaque); });
+  return Gated<AVPACKET_FILE_CONVERT>(kConvert, task, [&] { return m_FileConvert.AVFormat_Convert_Input(task, url, read, opaque); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Convert_Start(void* task) {
-  return Guarded(kConvert, false, [&] { return m_FileConvert.AVFormat_Convert_Start(task); });
+  return Gated<AVPACKET_FILE_CONVERT>(kConvert, task, [&] { return m_FileConvert.AVFormat_Convert_Start(task); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Convert_Suspend(void* task, bool pause) {
   return Guarded(kConvert, false, [&] { return m_FileConvert.AVFormat_Convert_Suspend(task, pause); });
@@ -62,7 +72,7 @@ QUORVEL_AVFORMAT_API bool AVFormat_Convert_Stop(void* task) {
   return m_FileConvert.AVFormat_Convert_Stop(task);
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Convert_Seek(void* task, long long seconds) {
-  return Guarded(kConvert, false, [&] { return m_FileConvert.AVFormat_Convert_Seek(task, seconds); });
+  return Gated<AVPACKET_FILE_CONVERT>(kConvert, task, [&] { return m_FileConvert.AVFormat_Convert_Seek(task, seconds); });
 }
 
 // Multiplexing
@@ -72,14 +82,14 @@ QUORVEL_AVFORMAT_API void* AVFormat_Packet_Init(AVFORMAT_PROGRESS_CALLBACK progr
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Packet_Output(void* task, const char* name, double start, double end,
                                                  AVFORMAT_IO_FUNCTION write, void* opaque) {
-  return Guarded(kPacket, false,
+  return Gated<AVPACKET_FILE_PACKET>(kPacket, task,
                  [&] { return m_FilePacket.AVFormat_Packet_Output(task, name, start, end, write, opaque); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Packet_Input(void* task, const char* url, AVFORMAT_IO_FUNCTION read, void* opaque) {
-  return Guarded(kPacket, false, [&] { return m_FilePacket.AVFormat_Packet_Input(task, url, read, opaque); });
+  return Gated<AVPACKET_FILE_PACKET>(kPacket, task, [&] { return m_FilePacket.AVFormat_Packet_Input(task, url, read, opaque); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Packet_Start(void* task) {
-  return Guarded(kPacket, false, [&] { return m_FilePacket.AVFormat_Packet_Start(task); });
+  return Gated<AVPACKET_FILE_PACKET>(kPacket, task, [&] { return m_FilePacket.AVFormat_Packet_Start(task); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Packet_GetStatus(void* task, bool* running) {
   return Guarded(kPacket, false, [&] { return m_FilePacket.AVFormat_Packet_GetStatus(task, running); });
@@ -91,11 +101,11 @@ QUORVEL_AVFORMAT_API bool AVFormat_Packet_Stop(void* task) {
   return m_FilePacket.AVFormat_Packet_Stop(task);
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Packet_StreamCreate(void* task, void* codec_parameters) {
-  return Guarded(kPacket, false, [&] { return m_FilePacket.AVFormat_Packet_StreamCreate(task, codec_parameters); });
+  return Gated<AVPACKET_FILE_PACKET>(kPacket, task, [&] { return m_FilePacket.AVFormat_Packet_StreamCreate(task, codec_parameters); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Packet_StreamWrite(void* task, int stream_index, const unsigned char* data, int size,
                                                       AVCODEC_TIMEBASE* time_base, AVCODEC_PACKETINFO* info) {
-  return Guarded(kPacket, false, [&] {
+  return Gated<AVPACKET_FILE_PACKET>(kPacket, task, [&] {
     return m_FilePacket.AVFormat_Packet_StreamWrite(task, stream_index, data, size, time_base, info);
   });
 }
@@ -106,23 +116,23 @@ QUORVEL_AVFORMAT_API void* AVFormat_UNPack_Init(AVFORMAT_PROGRESS_CALLBACK progr
   return Guarded(kPacket, kNoTask, [&] { return m_FileUNPack.AVFormat_UNPack_Init(progress, context); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Input(void* task, const char* url, AVFORMAT_IO_FUNCTION read, void* opaque) {
-  return Guarded(kPacket, false, [&] { return m_FileUNPack.AVFormat_UNPack_Input(task, url, read, opaque); });
+  return Gated<AVPACKET_FILE_UNPACK>(kPacket, task, [&] { return m_FileUNPack.AVFormat_UNPack_Input(task, url, read, opaque); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Output(void* task, AVCODEC_FORMATINFO*** infos, int count) {
-  return Guarded(kPacket, false, [&] { return m_FileUNPack.AVFormat_UNPack_Output(task, infos, count); });
+  return Gated<AVPACKET_FILE_UNPACK>(kPacket, task, [&] { return m_FileUNPack.AVFormat_UNPack_Output(task, infos, count); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Start(void* task) {
-  return Guarded(kPacket, false, [&] { return m_FileUNPack.AVFormat_UNPack_Start(task); });
+  return Gated<AVPACKET_FILE_UNPACK>(kPacket, task, [&] { return m_FileUNPack.AVFormat_UNPack_Start(task); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Read(void* task, int* stream_index, unsigned char* data, int* size,
                                                AVCODEC_PACKETINFO* info, AVCODEC_TIMEBASE* time_base) {
-  return Guarded(kPacket, false,
+  return Gated<AVPACKET_FILE_UNPACK>(kPacket, task,
                  [&] { return m_FileUNPack.AVFormat_UNPack_Read(task, stream_index, data, size, info, time_base); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_UNPack_ReadSized(void* task, int* stream_index, unsigned char* data, int capacity,
                                                     int* size, int* flags, AVCODEC_PACKETINFO* info,
                                                     AVCODEC_TIMEBASE* time_base) {
-  return Guarded(kPacket, false, [&] {
+  return Gated<AVPACKET_FILE_UNPACK>(kPacket, task, [&] {
     return m_FileUNPack.AVFormat_UNPack_ReadSized(task, stream_index, data, capacity, size, flags, info, time_base);
   });
 }
@@ -133,14 +143,14 @@ QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Suspend(void* task, bool pause) {
   return Guarded(kPacket, false, [&] { return m_FileUNPack.AVFormat_UNPack_Suspend(task, pause); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Seek(void* task, int stream_index, unsigned long long timestamp) {
-  return Guarded(kPacket, false, [&] { return m_FileUNPack.AVFormat_UNPack_Seek(task, stream_index, timestamp); });
+  return Gated<AVPACKET_FILE_UNPACK>(kPacket, task, [&] { return m_FileUNPack.AVFormat_UNPack_Seek(task, stream_index, timestamp); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Stop(void* task) {
   return m_FileUNPack.AVFormat_UNPack_Stop(task);
 }
 QUORVEL_AVFORMAT_API bool AVFormat_UNPack_GetAVCodec(void* task, int stream_index, void** codec_parameters,
                                                      AVCODEC_TIMEBASE* time_base) {
-  return Guarded(kPacket, false, [&] {
+  return Gated<AVPACKET_FILE_UNPACK>(kPacket, task, [&] {
     return m_FileUNPack.AVFormat_UNPack_GetAVCodec(task, stream_index, codec_parameters, time_base);
   });
 }
@@ -151,14 +161,14 @@ QUORVEL_AVFORMAT_API void* AVFormat_Link_Init(AVFORMAT_PROGRESS_CALLBACK progres
   return Guarded(kLink, kNoTask, [&] { return m_FileLink.AVFormat_Link_Init(progress, context); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Link_Output(void* task, const char* file) {
-  return Guarded(kLink, false, [&] { return m_FileLink.AVFormat_Link_Output(task, file); });
+  return Gated<AVPACKET_FILELINK>(kLink, task, [&] { return m_FileLink.AVFormat_Link_Output(task, file); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Link_Input(void* task, const char* file, double start, double end, int video,
                                               int audio) {
-  return Guarded(kLink, false, [&] { return m_FileLink.AVFormat_Link_Input(task, file, start, end, video, audio); });
+  return Gated<AVPACKET_FILELINK>(kLink, task, [&] { return m_FileLink.AVFormat_Link_Input(task, file, start, end, video, audio); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Link_Start(void* task) {
-  return Guarded(kLink, false, [&] { return m_FileLink.AVFormat_Link_Start(task); });
+  return Gated<AVPACKET_FILELINK>(kLink, task, [&] { return m_FileLink.AVFormat_Link_Start(task); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Link_GetStatus(void* task, bool* running) {
   return Guarded(kLink, false, [&] { return m_FileLink.AVFormat_Link_GetStatus(task, running); });

@@ -11,6 +11,7 @@
 #include "core/io.h"
 #include "core/options.h"
 #include "core/report.h"
+#include "core/worker.h"
 
 struct AVPACKET_FILE_CONVERT {
   std::thread pThread;
@@ -34,6 +35,8 @@ struct AVPACKET_FILE_CONVERT {
   // The inputs' interrupt: set by Stop while a worker runs (it aborts FFmpeg I/O
   // that blocks, a network read), and bounded during Input by open_timeout.
   quorvel::Interrupt stInterrupt;
+  // Held by the calls that reach FFmpeg on the caller's thread; Stop waits for them.
+  quorvel::CallGate stCalls;
   bool bOutputReady = false;    // Output succeeded
   bool bInputReady = false;     // Input succeeded
   bool bStarted = false;        // Start has been called with success

@@ -114,7 +114,7 @@ int CAVFormat_Convert::AVFormat_Convert_Thread(void* lpTask) {
     if (options.end_exclusive ? cut.AllClosed() : task->dlEndTime > 0.0 && seconds == task->dlEndTime) break;
   }
   task->bRunning = false;
-  quorvel::FinishOnExit(task->pThread, task->stInterrupt.abort, Release, task);
+  quorvel::FinishOnExit(task->pThread, task->stInterrupt.abort, task->stCalls, Release, task);
   return 0;
 }
 
@@ -147,6 +147,5 @@ bool CAVFormat_Convert::AVFormat_Convert_Stop(void* lpTask) noexcept {
 
   // The worker is stopped first, so that nothing released runs under its feet;
   // called on the worker's own thread, the worker releases the task as it ends.
-  if (quorvel::StopWorker(task->pThread, task->bRunning, task->stInterrupt.abort)) Release(task);
-  return true;
+  return quorvel::StopTask(task, Release, ERROR_AVFORMAT_CONVERT_PARAMETER);
 }

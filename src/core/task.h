@@ -9,6 +9,7 @@
 
 #include "Quorvel_AVFormat.h"
 #include "core/error.h"
+#include "core/worker.h"
 
 namespace quorvel {
 
@@ -48,6 +49,22 @@ bool ReportRunning(void* handle, bool* running, uint64_t parameter_code, uint64_
   if (running == nullptr) return Fail(status_code);
   *running = task->bRunning;
   return true;
+}
+
+// The common part of every family's Stop: stops the worker and waits for a
+// call in progress on another thread (StopWorker), then runs `release`, the
+// family's release order; called from the worker, the worker releases the
+// task as it ends. Called from inside a call on this task on the same thread
+// (a read function during Input), nothing is released: false with
+// `parameter_code`, and the call in progress ends as a stopped one.
+template <typename Task>
+bool StopTask(Task* task, void (*release)(void*), uint64_t parameter_code) noexcept {
+  switch (StopWorker(task->pThread, task->bRunning, task->stInterrupt.abort, task->stCalls)) {
+    case StopStep::kRelease: release(task); return true;
+    case StopStep::kWorkerReleases: return true;
+    case StopStep::kInsideCall: break;
+  }
+  return Fail(parameter_code);
 }
 
 }  // namespace quorvel

@@ -54,28 +54,46 @@ bool OnWorkerThread(const std::thread& thread) noexcept {
   return thread.get_id() == std::this_thread::get_id();
 }
 
-bool StopWorker(std::thread& thread, std::atomic<bool>& running, std::atomic<bool>& abort) noexcept {
+CallGate::Held::Held(CallGate& gate) noexcept : gate_(gate.HeldHere() ? nullptr : &gate) {
+  if (gate_ == nullptr) return;
+  gate_->mutex_.lock();
+  gate_->owner_ = std::this_thread::get_id();
+}
+
+CallGate::Held::~Held() {
+  if (gate_ == nullptr) return;
+  gate_->owner_ = std::thread::id();
+  gate_->mutex_.unlock();
+}
+
+void CallGate::WaitForCalls() noexcept {
+  const std::lock_guard<std::mutex> passed(mutex_);
+}
+
+StopStep StopWorker(std::thread& thread, std::atomic<bool>& running, std::atomic<bool>& abort,
+                    CallGate& calls) noexcept {
   if (OnWorkerThread(thread)) {
     abort = true;
     running = false;
     stopped_from_worker = true;
-    return false;
+    return StopStep::kWorkerReleases;
   }
-  if (thread.joinable()) {
-    abort = true;
-    running = false;
-    thread.join();
-    abort = false;  // what follows (the trailer) may do I/O again
-  }
+  abort = true;
+  if (calls.HeldHere()) return StopStep::kInsideCall;
   running = false;
-  return true;
+  if (thread.joinable()) thread.join();
+  calls.WaitForCalls();
+  abort = false;  // what follows (the trailer) may do I/O again
+  return StopStep::kRelease;
 }
 
-void FinishOnExit(std::thread& thread, std::atomic<bool>& abort, void (*release)(void*), void* task) noexcept {
+void FinishOnExit(std::thread& thread, std::atomic<bool>& abort, CallGate& calls, void (*release)(void*),
+                  void* task) noexcept {
   if (!stopped_from_worker || !OnWorkerThread(thread)) return;
   stopped_from_worker = false;
   thread.detach();  // the record that holds it is about to go
-  abort = false;    // what follows (the trailer) may do I/O again
+  calls.WaitForCalls();
+  abort = false;  // what follows (the trailer) may do I/O again
   release(task);
 }
 

@@ -31,20 +31,61 @@ bool StartWorker(std::thread& thread, int (*body)(void*), void* task) noexcept;
 // callback or a caller I/O function that the worker is running.
 bool OnWorkerThread(const std::thread& thread) noexcept;
 
+// Keeps Stop from releasing what a call on another thread still uses. The
+// calls that reach FFmpeg on the caller's thread (Output, Input, Start, Read,
+// Seek, GetAVCodec, StreamCreate, StreamWrite) each hold the task's gate for
+// their length; Stop, once its abort flag has ended what FFmpeg waits on in
+// an input, waits until no call holds it. A thread already inside a call may
+// call the task again (from a callback of that call) without waiting.
+class CallGate {
+ public:
+  class Held {
+   public:
+    explicit Held(CallGate& gate) noexcept;
+    ~Held();
+    Held(const Held&) = delete;
+    Held& operator=(const Held&) = delete;
+
+   private:
+    CallGate* gate_;  // null when this thread held the gate already
+  };
+  // True on the thread inside a call: a Stop there would release what that call uses.
+  bool HeldHere() const noexcept { return owner_.load() == std::this_thread::get_id(); }
+  // Returns once no call holds the gate.
+  void WaitForCalls() noexcept;
+
+ private:
+  std::mutex mutex_;
+  std::atomic<std::thread::id> owner_{};
+};
+
+enum class StopStep {
+  kRelease,         // the worker (if any) has ended and no call runs: Stop releases the task
+  kWorkerReleases,  // called from the worker: it releases the task as it ends
+  kInsideCall,      // called from inside a call on this task on this thread: nothing is released
+};
+
 // Stop's first step. On any thread but the worker's: makes the worker leave
 // its loop, also out of FFmpeg I/O that blocks (through the interrupt callback
-// and the bridge, which read `abort`), joins it and returns true: the task's
-// objects are the caller's alone, and Stop releases them. Does nothing to a
-// worker never started. On the worker's own thread it cannot join: it clears
-// `running`, sets `abort` and returns false at once; the worker then leaves
-// its loop and FinishOnExit releases the task.
-bool StopWorker(std::thread& thread, std::atomic<bool>& running, std::atomic<bool>& abort) noexcept;
+// and the bridge, which read `abort`), joins it, waits for a call in progress
+// on another thread (whose input waits end on `abort` too) and returns
+// kRelease: the task's objects are the caller's alone, and Stop releases them.
+// On the worker's own thread it cannot join: it clears `running`, sets
+// `abort` and returns kWorkerReleases at once; the worker then leaves its loop
+// and FinishOnExit releases the task. Inside a call on this thread (a read
+// function calling Stop during Input) it sets `abort`, so that the call ends
+// as a stopped one, and returns kInsideCall: Stop is to be called again once
+// the call has returned.
+StopStep StopWorker(std::thread& thread, std::atomic<bool>& running, std::atomic<bool>& abort,
+                    CallGate& calls) noexcept;
 
 // A worker body's last step. When Stop was called on this worker's thread,
-// detaches `thread`, clears `abort` and runs `release(task)`: the rest of the
-// family's Stop (trailer, release order, the record freed). Otherwise nothing:
-// Stop, called later on another thread, joins the worker and releases.
-void FinishOnExit(std::thread& thread, std::atomic<bool>& abort, void (*release)(void*), void* task) noexcept;
+// detaches `thread`, waits for a call in progress on another thread, clears
+// `abort` and runs `release(task)`: the rest of the family's Stop (trailer,
+// release order, the record freed). Otherwise nothing: Stop, called later on
+// another thread, joins the worker and releases.
+void FinishOnExit(std::thread& thread, std::atomic<bool>& abort, CallGate& calls, void (*release)(void*),
+                  void* task) noexcept;
 
 // Gives a packet without a presentation time the times of packet number
 // `number` of `stream`, from the stream's frame rate:

@@ -11,6 +11,7 @@
 #include "core/io.h"
 #include "core/options.h"
 #include "core/report.h"
+#include "core/worker.h"
 
 // One input file, in joining order.
 struct AVPACKET_LINKINFO {
@@ -36,6 +37,8 @@ struct AVPACKET_FILELINK {
   // The inputs' interrupt: set by Stop while a worker runs (it aborts FFmpeg I/O
   // that blocks, a network read), and bounded during Input by open_timeout.
   quorvel::Interrupt stInterrupt;
+  // Held by the calls that reach FFmpeg on the caller's thread; Stop waits for them.
+  quorvel::CallGate stCalls;
   bool bOutputReady = false;    // Output succeeded
   bool bStarted = false;        // Start has been called; the header was tried
   bool bHeaderWritten = false;  // the trailer may only follow a written header

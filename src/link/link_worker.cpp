@@ -318,7 +318,7 @@ int CAVFormat_Link::AVFormat_Link_Thread(void* lpTask) {
     timelines.video.EndInput();
   }
   task->bRunning = false;
-  quorvel::FinishOnExit(task->pThread, task->stInterrupt.abort, Release, task);
+  quorvel::FinishOnExit(task->pThread, task->stInterrupt.abort, task->stCalls, Release, task);
   return 0;
 }
 
@@ -342,6 +342,5 @@ bool CAVFormat_Link::AVFormat_Link_Stop(void* lpTask) noexcept {
   // by one read each; a blocking read is aborted. A paused worker is not woken:
   // the join waits until the caller resumes it. Called on the worker's own
   // thread, Stop returns at once and the worker releases the task as it ends.
-  if (quorvel::StopWorker(task->pThread, task->bRunning, task->stInterrupt.abort)) Release(task);
-  return true;
+  return quorvel::StopTask(task, Release, ERROR_AVFORMAT_LINK_PARAMETER);
 }

@@ -11,6 +11,7 @@
 #include "core/io.h"
 #include "core/options.h"
 #include "core/report.h"
+#include "core/worker.h"
 
 // One input file and the one stream mapping that the worker uses for all of
 // its packets, or (all_streams, streams) an output stream per input stream.
@@ -57,6 +58,8 @@ struct AVPACKET_FILE_PACKET {
   // The inputs' interrupt: set by Stop while a worker runs (it aborts FFmpeg I/O
   // that blocks, a network read), and bounded during Input by open_timeout.
   quorvel::Interrupt stInterrupt;
+  // Held by the calls that reach FFmpeg on the caller's thread; Stop waits for them.
+  quorvel::CallGate stCalls;
   bool bOutputReady = false;  // Output succeeded
   bool bStarted = false;      // Start has tried the header
   bool bHeaderOk = false;     // a header was written: packets and the trailer may follow

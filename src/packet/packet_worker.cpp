@@ -213,7 +213,7 @@ int CAVFormat_Packet::AVFormat_Packet_Thread(void* lpTask) {
     finished = !(task->stOptions.interleave_by_time ? CarryEarliest(task) : CarryInTurn(task, packet));
   }
   task->bRunning = false;
-  quorvel::FinishOnExit(task->pThread, task->stInterrupt.abort, Release, task);
+  quorvel::FinishOnExit(task->pThread, task->stInterrupt.abort, task->stCalls, Release, task);
   return 0;
 }
 
@@ -234,6 +234,5 @@ bool CAVFormat_Packet::AVFormat_Packet_Stop(void* lpTask) noexcept {
   // The worker is stopped first, also out of a blocking read or write, so that
   // nothing released runs under its feet (a task that never started has none);
   // called on the worker's own thread, the worker releases the task as it ends.
-  if (quorvel::StopWorker(task->pThread, task->bRunning, task->stInterrupt.abort)) Release(task);
-  return true;
+  return quorvel::StopTask(task, Release, ERROR_AVFORMAT_PACKET_PARAMETER);
 }

@@ -11,6 +11,7 @@
 #include "core/io.h"
 #include "core/options.h"
 #include "core/report.h"
+#include "core/worker.h"
 
 // One output: a container that holds the packets of one input stream.
 struct AVPACKET_FILE_INFO {
@@ -37,6 +38,8 @@ struct AVPACKET_FILE_UNPACK {
   // The inputs' interrupt: set by Stop while a worker runs (it aborts FFmpeg I/O
   // that blocks, a network read), and bounded during Input by open_timeout.
   quorvel::Interrupt stInterrupt;
+  // Held by the calls that reach FFmpeg on the caller's thread; Stop waits for them.
+  quorvel::CallGate stCalls;
   bool bInputReady = false;  // Input succeeded: the input is open and its streams known
   bool bStarted = false;     // Start has been called with success
   quorvel::Packet pReadPacket;  // reused by every Read

@@ -131,7 +131,7 @@ int CAVFormat_UNPack::AVFormat_UNPack_Thread(void* lpTask) {
     if ((options.end_exclusive || options.outputs_independent) && cut.AllClosed()) break;
   }
   task->bRunning = false;
-  quorvel::FinishOnExit(task->pThread, task->stInterrupt.abort, Release, task);
+  quorvel::FinishOnExit(task->pThread, task->stInterrupt.abort, task->stCalls, Release, task);
   return 0;
 }
 
@@ -167,6 +167,5 @@ bool CAVFormat_UNPack::AVFormat_UNPack_Stop(void* lpTask) noexcept {
 
   // The worker is stopped first, so that nothing released runs under its feet;
   // called on the worker's own thread, the worker releases the task as it ends.
-  if (quorvel::StopWorker(task->pThread, task->bRunning, task->stInterrupt.abort)) Release(task);
-  return true;
+  return quorvel::StopTask(task, Release, ERROR_AVFORMAT_PACKET_PARAMETER);
 }
