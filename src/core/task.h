@@ -59,7 +59,7 @@ bool ReportRunning(void* handle, bool* running, uint64_t parameter_code, uint64_
 // `parameter_code`, and the call in progress ends as a stopped one.
 template <typename Task>
 bool StopTask(Task* task, void (*release)(void*), uint64_t parameter_code) noexcept {
-  switch (StopWorker(task->pThread, task->bRunning, task->stInterrupt.abort, task->stCalls)) {
+  switch (StopWorker(task, task->pThread, task->bRunning, task->stInterrupt.abort, task->stCalls)) {
     case StopStep::kRelease: release(task); return true;
     case StopStep::kWorkerReleases: return true;
     case StopStep::kInsideCall: break;

@@ -13,6 +13,8 @@ namespace {
 // finishes the stop itself once its body returns. Each worker thread runs one
 // task, so the flag belongs to that task.
 thread_local bool stopped_from_worker = false;
+// The task whose worker runs on this thread, null on any other thread.
+thread_local const void* worker_task = nullptr;
 
 // trunc(value) as a timestamp; unset when it is not a finite 64-bit value.
 int64_t TruncatedTicks(double value) noexcept {
@@ -27,6 +29,7 @@ std::mutex launch_lock;
 
 void RunWorker(int (*body)(void*), void* task) {
   { const std::lock_guard<std::mutex> stored(launch_lock); }
+  worker_task = task;
   body(task);
 }
 
@@ -50,8 +53,8 @@ bool ReadNextPacket(const std::atomic<bool>& running, const std::atomic<bool>& p
   return av_read_frame(input, packet) >= 0;
 }
 
-bool OnWorkerThread(const std::thread& thread) noexcept {
-  return thread.get_id() == std::this_thread::get_id();
+bool OnWorkerThread(const void* task) noexcept {
+  return task != nullptr && worker_task == task;
 }
 
 CallGate::Held::Held(CallGate& gate) noexcept : gate_(gate.HeldHere() ? nullptr : &gate) {
@@ -70,9 +73,9 @@ void CallGate::WaitForCalls() noexcept {
   const std::lock_guard<std::mutex> passed(mutex_);
 }
 
-StopStep StopWorker(std::thread& thread, std::atomic<bool>& running, std::atomic<bool>& abort,
+StopStep StopWorker(const void* task, std::thread& thread, std::atomic<bool>& running, std::atomic<bool>& abort,
                     CallGate& calls) noexcept {
-  if (OnWorkerThread(thread)) {
+  if (OnWorkerThread(task)) {
     abort = true;
     running = false;
     stopped_from_worker = true;
@@ -80,16 +83,17 @@ StopStep StopWorker(std::thread& thread, std::atomic<bool>& running, std::atomic
   }
   abort = true;
   if (calls.HeldHere()) return StopStep::kInsideCall;
+  // A Start in progress has stored the worker's thread once it returns.
+  calls.WaitForCalls();
   running = false;
   if (thread.joinable()) thread.join();
-  calls.WaitForCalls();
   abort = false;  // what follows (the trailer) may do I/O again
   return StopStep::kRelease;
 }
 
 void FinishOnExit(std::thread& thread, std::atomic<bool>& abort, CallGate& calls, void (*release)(void*),
                   void* task) noexcept {
-  if (!stopped_from_worker || !OnWorkerThread(thread)) return;
+  if (!stopped_from_worker || !OnWorkerThread(task)) return;
   stopped_from_worker = false;
   thread.detach();  // the record that holds it is about to go
   calls.WaitForCalls();

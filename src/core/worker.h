@@ -27,9 +27,11 @@ bool ReadNextPacket(const std::atomic<bool>& running, const std::atomic<bool>& p
 // Runs `body(task)` on `thread`. False when no joinable thread results.
 bool StartWorker(std::thread& thread, int (*body)(void*), void* task) noexcept;
 
-// True on the thread that `thread` runs: Stop was called from a progress
-// callback or a caller I/O function that the worker is running.
-bool OnWorkerThread(const std::thread& thread) noexcept;
+// True on the thread that runs `task`'s worker: Stop was called from a
+// progress callback or a caller I/O function that the worker is running.
+// Known from the thread itself, not from the task's std::thread, which a
+// Start on another thread may be storing at that moment.
+bool OnWorkerThread(const void* task) noexcept;
 
 // Keeps Stop from releasing what a call on another thread still uses. The
 // calls that reach FFmpeg on the caller's thread (Output, Input, Start, Read,
@@ -65,18 +67,18 @@ enum class StopStep {
   kInsideCall,      // called from inside a call on this task on this thread: nothing is released
 };
 
-// Stop's first step. On any thread but the worker's: makes the worker leave
-// its loop, also out of FFmpeg I/O that blocks (through the interrupt callback
-// and the bridge, which read `abort`), joins it, waits for a call in progress
-// on another thread (whose input waits end on `abort` too) and returns
-// kRelease: the task's objects are the caller's alone, and Stop releases them.
+// Stop's first step. On any thread but the worker's: raises `abort`, which
+// ends what FFmpeg waits on in an input (through the interrupt callback and
+// the bridge), waits for a call in progress on another thread, makes the
+// worker leave its loop, joins it and returns kRelease: the task's objects
+// are the caller's alone, and Stop releases them.
 // On the worker's own thread it cannot join: it clears `running`, sets
 // `abort` and returns kWorkerReleases at once; the worker then leaves its loop
 // and FinishOnExit releases the task. Inside a call on this thread (a read
 // function calling Stop during Input) it sets `abort`, so that the call ends
 // as a stopped one, and returns kInsideCall: Stop is to be called again once
 // the call has returned.
-StopStep StopWorker(std::thread& thread, std::atomic<bool>& running, std::atomic<bool>& abort,
+StopStep StopWorker(const void* task, std::thread& thread, std::atomic<bool>& running, std::atomic<bool>& abort,
                     CallGate& calls) noexcept;
 
 // A worker body's last step. When Stop was called on this worker's thread,
