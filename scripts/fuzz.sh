@@ -7,9 +7,6 @@
 #   scripts/fuzz.sh          15 seconds per target: CI's smoke run
 #   scripts/fuzz.sh 900      a quarter of an hour per target
 #
-# FUZZ_SEED fixes libFuzzer's random seed, so that a short gating run explores
-# the same inputs each time (CI sets it); unset, each run explores anew.
-#
 # New inputs that widen coverage collect in build-fuzz/corpus/<target>/. A
 # crash, leak or hang leaves its input in build-fuzz/findings/ and fails the
 # run: fix it, then keep the input in tests/fuzz/regressions/<target>/, whose
@@ -41,7 +38,7 @@ for target in $targets; do
   echo "=== $target: $seconds s"
   # -timeout: an input that takes this long is a hang. -rss_limit_mb: each
   # caller-I/O bridge holds a 10 MiB buffer, so a few hundred MB is normal.
-  if ! "$build_dir/fuzz/$target" -seed="${FUZZ_SEED:-0}" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=3072 -max_len=65536 \
+  if ! "$build_dir/fuzz/$target" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=3072 -max_len=65536 \
       -print_final_stats=1 -artifact_prefix="$build_dir/findings/$target-" \
       "$corpus" "${seeds[@]}" >"$build_dir/$target.log" 2>&1; then
     status=1
