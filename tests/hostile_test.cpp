@@ -110,8 +110,11 @@ TEST(SilentNetwork, StopEndsAReadThatBlocks) {
 TEST(StopFromAnotherThread, EndsACallWaitingOnTheCallersThread) {
   std::vector<uint8_t> half = ReadFile(VideoOnlyClip("ts"));
   half.resize(half.size() / 2);
-  for (const auto& [family, pull] : {std::pair{Family::kConvert, false}, {Family::kUnpack, false},
-                                     {Family::kPacket, false}, {Family::kLink, false}, {Family::kUnpack, true}}) {
+  for (const auto& [family, pull] : {std::pair{Family::kConvert, false},
+                                     {Family::kUnpack, false},
+                                     {Family::kPacket, false},
+                                     {Family::kLink, false},
+                                     {Family::kUnpack, true}}) {
     SCOPED_TRACE(std::string(Name(family)) + (pull ? ", Read" : ", Input"));
     SilentServer server(pull ? half : std::vector<uint8_t>());
     AnyTask task(family);
@@ -122,14 +125,15 @@ TEST(StopFromAnotherThread, EndsACallWaitingOnTheCallersThread) {
     std::atomic<bool> stopping{false};
     std::thread caller([&, url = server.Url()] {
       const char* name = url.c_str();
-      const bool opened = family == Family::kConvert ? AVFormat_Convert_Input(handle, name, nullptr, nullptr)
+      const bool opened = family == Family::kConvert  ? AVFormat_Convert_Input(handle, name, nullptr, nullptr)
                           : family == Family::kUnpack ? AVFormat_UNPack_Input(handle, name, nullptr, nullptr)
                           : family == Family::kPacket ? AVFormat_Packet_Input(handle, name, nullptr, nullptr)
                                                       : AVFormat_Link_Input(handle, name, 0, 0, 0, 1);
       int stream = 0, size = 0, flags = 0;
       std::vector<unsigned char> data(1 << 20);
-      while (opened && !stopping && AVFormat_UNPack_ReadSized(handle, &stream, data.data(), static_cast<int>(data.size()),
-                                                              &size, &flags, nullptr, nullptr))
+      while (opened && !stopping &&
+             AVFormat_UNPack_ReadSized(handle, &stream, data.data(), static_cast<int>(data.size()), &size, &flags,
+                                       nullptr, nullptr))
         ++packets;
     });
     int seen = -1;  // until the caller's thread has taken what was sent and waits for more
@@ -198,7 +202,8 @@ TEST(Playlists, OpenTimeoutEndsTheWaitForALiveOnesNextSegment) {
       MemoryReader reader(Bytes(text));
       AnyTask task(family);
       ASSERT_TRUE(task.Set("open_timeout", "0.2"));
-      EXPECT_FALSE(task.Reach(Stage::kSetUp, {bridged ? Source{"", &reader} : Source{playlist}}, {TempPath("live.mkv")}));
+      EXPECT_FALSE(
+          task.Reach(Stage::kSetUp, {bridged ? Source{"", &reader} : Source{playlist}}, {TempPath("live.mkv")}));
       EXPECT_EQ(task.code, CodesOf(family).open) << Name(family) << (bridged ? ", bridged" : ", by name");
     }
 }

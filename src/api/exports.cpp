@@ -53,11 +53,12 @@ QUORVEL_AVFORMAT_API void* AVFormat_Convert_Init(AVFORMAT_PROGRESS_CALLBACK prog
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Convert_Output(void* task, const char* url, double start, double end,
                                                   AVFORMAT_IO_FUNCTION write, void* opaque) {
-  return Gated<AVPACKET_FILE_CONVERT>(kConvert, task,
-                 [&] { return m_FileConvert.AVFormat_Convert_Output(task, url, start, end, write, opaque); });
+  return Gated<AVPACKET_FILE_CONVERT>(
+      kConvert, task, [&] { return m_FileConvert.AVFormat_Convert_Output(task, url, start, end, write, opaque); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Convert_Input(void* task, const char* url, AVFORMAT_IO_FUNCTION read, void* opaque) {
-  return Gated<AVPACKET_FILE_CONVERT>(kConvert, task, [&] { return m_FileConvert.AVFormat_Convert_Input(task, url, read, opaque); });
+  return Gated<AVPACKET_FILE_CONVERT>(kConvert, task,
+                                      [&] { return m_FileConvert.AVFormat_Convert_Input(task, url, read, opaque); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Convert_Start(void* task) {
   return Gated<AVPACKET_FILE_CONVERT>(kConvert, task, [&] { return m_FileConvert.AVFormat_Convert_Start(task); });
@@ -72,7 +73,8 @@ QUORVEL_AVFORMAT_API bool AVFormat_Convert_Stop(void* task) {
   return m_FileConvert.AVFormat_Convert_Stop(task);
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Convert_Seek(void* task, long long seconds) {
-  return Gated<AVPACKET_FILE_CONVERT>(kConvert, task, [&] { return m_FileConvert.AVFormat_Convert_Seek(task, seconds); });
+  return Gated<AVPACKET_FILE_CONVERT>(kConvert, task,
+                                      [&] { return m_FileConvert.AVFormat_Convert_Seek(task, seconds); });
 }
 
 // Multiplexing
@@ -82,11 +84,12 @@ QUORVEL_AVFORMAT_API void* AVFormat_Packet_Init(AVFORMAT_PROGRESS_CALLBACK progr
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Packet_Output(void* task, const char* name, double start, double end,
                                                  AVFORMAT_IO_FUNCTION write, void* opaque) {
-  return Gated<AVPACKET_FILE_PACKET>(kPacket, task,
-                 [&] { return m_FilePacket.AVFormat_Packet_Output(task, name, start, end, write, opaque); });
+  return Gated<AVPACKET_FILE_PACKET>(
+      kPacket, task, [&] { return m_FilePacket.AVFormat_Packet_Output(task, name, start, end, write, opaque); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Packet_Input(void* task, const char* url, AVFORMAT_IO_FUNCTION read, void* opaque) {
-  return Gated<AVPACKET_FILE_PACKET>(kPacket, task, [&] { return m_FilePacket.AVFormat_Packet_Input(task, url, read, opaque); });
+  return Gated<AVPACKET_FILE_PACKET>(kPacket, task,
+                                     [&] { return m_FilePacket.AVFormat_Packet_Input(task, url, read, opaque); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Packet_Start(void* task) {
   return Gated<AVPACKET_FILE_PACKET>(kPacket, task, [&] { return m_FilePacket.AVFormat_Packet_Start(task); });
@@ -101,7 +104,8 @@ QUORVEL_AVFORMAT_API bool AVFormat_Packet_Stop(void* task) {
   return m_FilePacket.AVFormat_Packet_Stop(task);
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Packet_StreamCreate(void* task, void* codec_parameters) {
-  return Gated<AVPACKET_FILE_PACKET>(kPacket, task, [&] { return m_FilePacket.AVFormat_Packet_StreamCreate(task, codec_parameters); });
+  return Gated<AVPACKET_FILE_PACKET>(kPacket, task,
+                                     [&] { return m_FilePacket.AVFormat_Packet_StreamCreate(task, codec_parameters); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Packet_StreamWrite(void* task, int stream_index, const unsigned char* data, int size,
                                                       AVCODEC_TIMEBASE* time_base, AVCODEC_PACKETINFO* info) {
@@ -116,18 +120,21 @@ QUORVEL_AVFORMAT_API void* AVFormat_UNPack_Init(AVFORMAT_PROGRESS_CALLBACK progr
   return Guarded(kPacket, kNoTask, [&] { return m_FileUNPack.AVFormat_UNPack_Init(progress, context); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Input(void* task, const char* url, AVFORMAT_IO_FUNCTION read, void* opaque) {
-  return Gated<AVPACKET_FILE_UNPACK>(kPacket, task, [&] { return m_FileUNPack.AVFormat_UNPack_Input(task, url, read, opaque); });
+  return Gated<AVPACKET_FILE_UNPACK>(kPacket, task,
+                                     [&] { return m_FileUNPack.AVFormat_UNPack_Input(task, url, read, opaque); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Output(void* task, AVCODEC_FORMATINFO*** infos, int count) {
-  return Gated<AVPACKET_FILE_UNPACK>(kPacket, task, [&] { return m_FileUNPack.AVFormat_UNPack_Output(task, infos, count); });
+  return Gated<AVPACKET_FILE_UNPACK>(kPacket, task,
+                                     [&] { return m_FileUNPack.AVFormat_UNPack_Output(task, infos, count); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Start(void* task) {
   return Gated<AVPACKET_FILE_UNPACK>(kPacket, task, [&] { return m_FileUNPack.AVFormat_UNPack_Start(task); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Read(void* task, int* stream_index, unsigned char* data, int* size,
                                                AVCODEC_PACKETINFO* info, AVCODEC_TIMEBASE* time_base) {
-  return Gated<AVPACKET_FILE_UNPACK>(kPacket, task,
-                 [&] { return m_FileUNPack.AVFormat_UNPack_Read(task, stream_index, data, size, info, time_base); });
+  return Gated<AVPACKET_FILE_UNPACK>(kPacket, task, [&] {
+    return m_FileUNPack.AVFormat_UNPack_Read(task, stream_index, data, size, info, time_base);
+  });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_UNPack_ReadSized(void* task, int* stream_index, unsigned char* data, int capacity,
                                                     int* size, int* flags, AVCODEC_PACKETINFO* info,
@@ -143,7 +150,8 @@ QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Suspend(void* task, bool pause) {
   return Guarded(kPacket, false, [&] { return m_FileUNPack.AVFormat_UNPack_Suspend(task, pause); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Seek(void* task, int stream_index, unsigned long long timestamp) {
-  return Gated<AVPACKET_FILE_UNPACK>(kPacket, task, [&] { return m_FileUNPack.AVFormat_UNPack_Seek(task, stream_index, timestamp); });
+  return Gated<AVPACKET_FILE_UNPACK>(kPacket, task,
+                                     [&] { return m_FileUNPack.AVFormat_UNPack_Seek(task, stream_index, timestamp); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_UNPack_Stop(void* task) {
   return m_FileUNPack.AVFormat_UNPack_Stop(task);
@@ -165,7 +173,8 @@ QUORVEL_AVFORMAT_API bool AVFormat_Link_Output(void* task, const char* file) {
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Link_Input(void* task, const char* file, double start, double end, int video,
                                               int audio) {
-  return Gated<AVPACKET_FILELINK>(kLink, task, [&] { return m_FileLink.AVFormat_Link_Input(task, file, start, end, video, audio); });
+  return Gated<AVPACKET_FILELINK>(kLink, task,
+                                  [&] { return m_FileLink.AVFormat_Link_Input(task, file, start, end, video, audio); });
 }
 QUORVEL_AVFORMAT_API bool AVFormat_Link_Start(void* task) {
   return Gated<AVPACKET_FILELINK>(kLink, task, [&] { return m_FileLink.AVFormat_Link_Start(task); });

@@ -53,13 +53,14 @@ bool CAVFormat_Convert::AVFormat_Convert_Input(void* lpTask, const char* szUrl, 
 
   task->bInputReady = false;
   const quorvel::OpenDeadline deadline(task->stInterrupt, task->stOptions.open_timeout);
-  const OpenResult opened =
-      quorvel::OpenInput(task->pInputContext, task->pInputBuffer, task->pInputIO, szUrl, fpRead, lpReadContext,
-                         quorvel::UrlBesideRead::kOpenedFirst, quorvel::InterruptOn(task->stInterrupt), &task->stOptions);
+  const OpenResult opened = quorvel::OpenInput(task->pInputContext, task->pInputBuffer, task->pInputIO, szUrl, fpRead,
+                                               lpReadContext, quorvel::UrlBesideRead::kOpenedFirst,
+                                               quorvel::InterruptOn(task->stInterrupt), &task->stOptions);
   if (!quorvel::FailOpen(opened, kOpenCodes)) return false;
 
   AVFormatContext* input = task->pInputContext.get();
-  if (avformat_find_stream_info(input, nullptr) < 0 || deadline.Expired()) return Fail(ERROR_AVFORMAT_CONVERT_STREAMINFO);
+  if (avformat_find_stream_info(input, nullptr) < 0 || deadline.Expired())
+    return Fail(ERROR_AVFORMAT_CONVERT_STREAMINFO);
 
   task->nStreamCount = input->nb_streams;
   task->pnStreamMap.reset(new (std::nothrow) int[input->nb_streams]);

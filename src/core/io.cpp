@@ -21,15 +21,18 @@ struct CallerEndpoint {
   const Interrupt* interrupt = nullptr;
 };
 
-bool Interrupted(const Interrupt& state) noexcept {
-  if (state.abort.load()) return true;
+bool DeadlinePassed(const Interrupt& state) noexcept {
   const int64_t deadline = state.deadline.load(std::memory_order_relaxed);
   return deadline != 0 && av_gettime_relative() >= deadline;
 }
 
+bool Interrupted(const Interrupt& state) noexcept {
+  return state.abort.load() || DeadlinePassed(state);
+}
+
 // Holds FFmpeg to the read contract whatever the caller's function does: a
-// stopped task (or an open past its deadline) reads nothing more (the caller's function is not called, so
-// that Stop returns however it behaves); 0 bytes, the read(2) way of saying
+// stopped task, or an open past its deadline, reads nothing more (the
+// caller's function is not called, so that Stop returns however it behaves); 0 bytes, the read(2) way of saying
 // end of file, is the end of input (FFmpeg 5.1 would retry forever); a count
 // above `size` is an error (FFmpeg would take bytes past its buffer).
 int ReadToCaller(void* opaque, uint8_t* buffer, int size) {
@@ -128,8 +131,7 @@ OpenDeadline::OpenDeadline(Interrupt& state, int64_t microseconds) noexcept : st
 }
 
 bool OpenDeadline::Expired() const noexcept {
-  const int64_t deadline = state_.deadline.load(std::memory_order_relaxed);
-  return deadline != 0 && av_gettime_relative() >= deadline;
+  return DeadlinePassed(state_);
 }
 
 bool FailOpen(OpenResult result, const OpenCodes& codes) noexcept {

@@ -43,8 +43,9 @@ enum class OpenResult {
 };
 
 // What a task's inputs consult before and during FFmpeg's blocking I/O.
-// `abort` is set by Stop while a worker runs, so that a Stop ends a read that
-// waits on the network or on a playlist's next segment. `deadline` bounds
+// `abort` is set by Stop, so that a Stop ends a read (of the worker, or of a
+// call on the caller's thread) that waits on the network or on a playlist's
+// next version. `deadline` bounds
 // the open in progress (the open_timeout option): a time on
 // av_gettime_relative's clock in microseconds, 0 for none.
 struct Interrupt {

@@ -34,8 +34,8 @@ struct AVPACKET_FILELINK {
   void* lpCallbackContext = nullptr;
   AVFORMAT_PROGRESS_CALLBACK fpProgress = nullptr;
 
-  // The inputs' interrupt: set by Stop while a worker runs (it aborts FFmpeg I/O
-  // that blocks, a network read), and bounded during Input by open_timeout.
+  // The inputs' interrupt: set by Stop (it aborts FFmpeg I/O that blocks, a
+  // network read), and bounded during Input by open_timeout.
   quorvel::Interrupt stInterrupt;
   // Held by the calls that reach FFmpeg on the caller's thread; Stop waits for them.
   quorvel::CallGate stCalls;

@@ -98,9 +98,9 @@ bool CAVFormat_Packet::AVFormat_Packet_Input(void* lpTask, const char* szUrl, AV
   // whatever was opened.
   AVPACKET_FILE_AVINFO element;
   const quorvel::OpenDeadline deadline(task->stInterrupt, task->stOptions.open_timeout);
-  const OpenResult opened =
-      quorvel::OpenInput(element.pInputContext, element.pInputBuffer, element.pInputIO, szUrl, fpRead, lpReadContext,
-                         quorvel::UrlBesideRead::kOpenedFirst, quorvel::InterruptOn(task->stInterrupt), &task->stOptions);
+  const OpenResult opened = quorvel::OpenInput(element.pInputContext, element.pInputBuffer, element.pInputIO, szUrl,
+                                               fpRead, lpReadContext, quorvel::UrlBesideRead::kOpenedFirst,
+                                               quorvel::InterruptOn(task->stInterrupt), &task->stOptions);
   if (!quorvel::FailOpen(opened, kOpenCodes)) return false;
 
   AVFormatContext* input = element.pInputContext.get();

@@ -62,8 +62,8 @@ inline void WaitForEnd(bool (*status)(void*, bool*), void* task) {
   extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {                                            \
     qfuzz::ByteSource source{data, size};                                                                              \
     void* task = AVFormat_##Family##_Init(qfuzz::IgnoreProgress, nullptr);                                             \
-    if (task != nullptr && AVFormat_##Family##_SetOption(task, "open_timeout", qfuzz::kOpenTimeout) &&                \
-        AVFormat_##Family##_Output(task, format, 0.0, 0.0, qfuzz::Discard, nullptr) &&                                \
+    if (task != nullptr && AVFormat_##Family##_SetOption(task, "open_timeout", qfuzz::kOpenTimeout) &&                 \
+        AVFormat_##Family##_Output(task, format, 0.0, 0.0, qfuzz::Discard, nullptr) &&                                 \
         AVFormat_##Family##_Input(task, nullptr, qfuzz::ByteSource::Read, &source) && AVFormat_##Family##_Start(task)) \
       qfuzz::WaitForEnd(AVFormat_##Family##_GetStatus, task);                                                          \
     AVFormat_##Family##_Stop(task);                                                                                    \
